@@ -1,0 +1,31 @@
+# Compiler flags shared by the library, the tests and the tools.
+#
+# -ffp-contract=off: the arithmetic is specified operation by operation
+# (fused multiply-adds only where the code calls fma/fmaf), and aarch64 GCC
+# would otherwise fuse on its own.
+set(OL_WARN_FLAGS -Wall -Wextra -Werror)
+set(OL_FP_FLAGS -ffp-contract=off -fno-math-errno)
+if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
+  # Baseline of the x86-64 builds: SSE4.2 (unsigned 16-bit max, 32-bit
+  # multiplies in vectors). Override with -DOL_X86_ARCH=... if needed.
+  set(OL_X86_ARCH "x86-64-v2" CACHE STRING "x86-64 -march level")
+  set(OL_ARCH_FLAGS -march=${OL_X86_ARCH})
+else()
+  set(OL_ARCH_FLAGS "")
+endif()
+
+function(ol_target_flags target)
+  target_compile_options(${target} PRIVATE ${OL_WARN_FLAGS} ${OL_FP_FLAGS} ${OL_ARCH_FLAGS})
+  ol_sanitize(${target})
+endfunction()
+
+function(ol_sanitize target)
+  if(OL_SANITIZE STREQUAL "address")
+    target_compile_options(${target} PRIVATE -fsanitize=address,undefined
+      -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+  elseif(OL_SANITIZE STREQUAL "thread")
+    target_compile_options(${target} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=thread)
+  endif()
+endfunction()

@@ -1,0 +1,59 @@
+// The pipeline context: a copy of the descriptor, the worker pool, the lock
+// and every work buffer, all allocated once by init.
+#ifndef OL_FRCNN_CONTEXT_H
+#define OL_FRCNN_CONTEXT_H
+
+#include <pthread.h>
+#include <stdint.h>
+
+#include "brennik_opt_layers.h"
+#include "frcnn/head_stage.h"
+#include "frcnn/hist_sort.h"
+#include "thread_pool/thread_pool.h"
+
+namespace ol {
+
+constexpr uint8_t k_flag_inited = 1;
+
+struct score_filter_task;  // see rpn_stage.h
+
+struct frcnn_context {
+  uint8_t flags;  // bit 0: inited
+  thread_pool* pool;
+  pthread_mutex_t lock;
+  frcnn_desc desc;
+
+  float* anchors;              // N records of 4 floats, cell-major
+  uint16_t* rpn_cls_nopitch;   // candidate scores (half patterns)
+  uint16_t* detections;        // pre_nms_num proposal records of 5 halves
+  uint32_t* order_buf;         // sorted candidate numbers
+  uint32_t* order_rpn_index;   // position index of each candidate
+  float* rcnn_boxes;           // post_nms_num * class_num boxes of 4 floats
+
+  hist_tables hist;  // only allocated when is_use_qsort is 0
+
+  // Per-frame scratch that would not fit a small thread stack.
+  uint16_t* filter_scores;      // N halves: per-anchor slices of the parallel filter
+  uint32_t* filter_positions;   // N
+  uint32_t* filter_counts;      // anchor_num
+  score_filter_task* filter_tasks;  // anchor_num
+  void* nms_scratch;            // nms_scratch_bytes(pre_nms_num)
+  void* stage_tasks;            // post_nms_num pooling or head-decode task records
+  void* class_nms_scratch;      // ten blocks of class_nms_block bytes
+  uint32_t class_nms_block;
+};
+
+// Shared by both init functions and both exit functions.
+frcnn_context* frcnn_init(const frcnn_desc* desc, const float* base_anchors);
+void frcnn_release(frcnn_context* ctx);
+
+// Prints the configuration (used by init when is_debug is set).
+void frcnn_desc_dump(const frcnn_desc* desc);
+
+inline bool context_ready(const frcnn_context* ctx) {
+  return ctx != nullptr && (ctx->flags & k_flag_inited) != 0;
+}
+
+}  // namespace ol
+
+#endif

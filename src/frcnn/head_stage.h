@@ -1,0 +1,125 @@
+// Detection head: pooling of the ROIs, decode of the second-stage box deltas
+// and per-class suppression into the detection table. The stage functions
+// plan tasks on the context's pool; the kernels they run are pure.
+#ifndef OL_FRCNN_HEAD_STAGE_H
+#define OL_FRCNN_HEAD_STAGE_H
+
+#include <stdint.h>
+
+#include "thread_pool/thread_pool.h"
+
+namespace ol {
+
+// ---- pooling stage: one task per ROI --------------------------------------
+struct roi_pool_task {
+  const uint16_t* proposal;  // 4 halves
+  uint16_t* roi_result;
+  uint16_t* fmap;
+  int roi_num;
+  int pool_w;
+  int pool_h;
+  int pool_pitch;
+  int fmap_pitch;
+  int fmap_h;
+  int fmap_w;
+  int fmap_d;
+  int fmap_scale;
+  uint8_t fmap_sign;
+  thread_task task;
+  uint32_t index;
+};
+
+int32_t roi_pool_task_func(void* record);
+
+// records: room for n roi_pool_task (owned by the context).
+void frcnn_roi_pool(thread_pool* pool, roi_pool_task* records, const uint16_t* nms_out,
+                    uint16_t* fmap, uint16_t* roi_result, uint32_t n, uint32_t fmap_d,
+                    uint32_t fmap_h, uint32_t fmap_w, uint32_t fmap_pitch, uint32_t fmap_scale,
+                    bool fmap_sign, uint32_t pool_h, uint32_t pool_w, uint32_t pool_pitch);
+
+// ---- head box decode: one task per ROI ------------------------------------
+struct rcnn_decode_task {
+  const uint16_t* proposal;
+  const uint16_t* rcnn_bbox;
+  float* boxes;
+  uint32_t img_h;
+  uint32_t img_w;
+  uint32_t class_num;
+  uint32_t rcnn_bbox_pitch;
+  uint32_t share_location;
+  uint32_t bbox_type;
+  uint32_t apply_scale_factor;
+  const float* bbox_scale_factor;
+  uint32_t no_bg_bbox;
+  thread_task task;
+  uint32_t index;
+};
+
+int32_t rcnn_decode_task_func(void* record);
+
+// Decodes one proposal into its C slots; 0, or -1 for an unsupported
+// bbox_type ("Unsupported bbox type: %u\n", nothing written).
+int rcnn_bbox_decode(const uint16_t* proposal, const uint16_t* rcnn_bbox, float* boxes,
+                     uint32_t img_h, uint32_t img_w, uint32_t class_num, uint32_t share_location,
+                     uint32_t bbox_type, uint32_t apply_scale_factor,
+                     const float* bbox_scale_factor, uint32_t no_bg_bbox);
+
+// records: room for n rcnn_decode_task (owned by the context).
+void frcnn_rcnn_decode(thread_pool* pool, rcnn_decode_task* records, const uint16_t* nms_out,
+                       const uint16_t* rcnn_bbox, float* rcnn_boxes, uint32_t img_h,
+                       uint32_t img_w, uint32_t class_num, uint32_t rcnn_bbox_pitch, uint32_t n,
+                       bool share_location, uint32_t bbox_type, bool apply_scale_factor,
+                       const float* bbox_scale_factor, bool no_bg_bbox);
+
+// ---- class suppression: exactly ten tasks over the classes ----------------
+constexpr uint32_t k_class_nms_tasks = 10;
+
+// Working arrays of one class-suppression task for up to n proposals.
+struct class_nms_scratch {
+  uint16_t* candidates;  // n records of 5 halves
+  uint16_t* scores;      // n halves
+  float* areas;          // n
+  int32_t* order;        // n
+};
+// Bytes of scratch one task needs for n proposals (the context keeps ten).
+uint32_t class_nms_scratch_bytes(uint32_t n);
+// Carves a scratch block of class_nms_scratch_bytes(n) bytes into arrays.
+class_nms_scratch class_nms_scratch_at(void* block, uint32_t n);
+
+struct rcnn_nms_task {
+  uint16_t* rcnn_result;
+  uint16_t* class_dets;
+  const float* rcnn_boxes;
+  const uint16_t* rcnn_cls;
+  uint32_t class_start;
+  uint32_t class_end;
+  uint32_t class_num;
+  uint32_t rcnn_cls_pitch;
+  uint32_t roi_num;
+  uint32_t post_nms_num;
+  float post_nms_iou;
+  float cls_prob;
+  uint32_t no_bg_bbox;
+  class_nms_scratch scratch;
+  thread_task task;
+  uint32_t index;
+};
+
+int32_t rcnn_nms_task_func(void* record);
+
+int rcnn_class_nms(uint16_t* rcnn_result, uint16_t* class_dets, const float* rcnn_boxes,
+                   const uint16_t* rcnn_cls, uint32_t class_start, uint32_t class_end,
+                   uint32_t class_num, uint32_t rcnn_cls_pitch, uint32_t n,
+                   uint32_t post_nms_num, uint32_t no_bg_bbox, float post_nms_iou,
+                   float cls_prob, const class_nms_scratch& scratch);
+
+// scratch: ten blocks of class_nms_scratch_bytes(n_max) bytes, one per task,
+// block_bytes apart.
+void frcnn_rcnn_nms(thread_pool* pool, uint16_t* rcnn_result, const float* rcnn_boxes,
+                    const uint16_t* rcnn_cls, uint32_t class_num, uint32_t n,
+                    uint32_t rcnn_cls_pitch, uint32_t post_nms_num, bool no_bg_bbox,
+                    float post_nms_iou, float cls_prob, void* scratch, uint32_t block_bytes);
+
+}  // namespace ol
+
+#endif

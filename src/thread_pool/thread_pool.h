@@ -1,0 +1,102 @@
+// A fixed set of POSIX worker threads fed by a blocking FIFO of tasks, with a
+// second FIFO that hands finished tasks back to the submitter.
+//
+// Usage: thread_pool_create once; then any number of batches, each a series
+// of thread_pool_add_task calls followed by exactly one thread_pool_wait per
+// accepted task; finally thread_pool_destroy with nothing outstanding. Two
+// batches must not be in flight on one pool at the same time.
+#ifndef OL_THREAD_POOL_H
+#define OL_THREAD_POOL_H
+
+#include <pthread.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#include <atomic>
+
+namespace ol {
+
+struct simple_node {
+  void* data;
+  simple_node* next;  // newer neighbour (toward the anchor)
+  simple_node* prev;  // older neighbour; also the free-list link
+};
+
+// Unbounded blocking FIFO of void* items; nodes are recycled, never freed
+// before the queue is destroyed.
+struct simple_queue {
+  uint32_t size;
+  simple_node anchor;  // anchor.next = oldest, anchor.prev = newest
+  simple_node* free_nodes;
+  uint32_t free_count;  // nodes on free_nodes
+  uint32_t reserved;    // free nodes promised to future puts (see simple_queue_reserve)
+  pthread_mutex_t mutex;
+  pthread_cond_t not_empty;
+};
+
+simple_queue* simple_queue_create();
+void simple_queue_destroy(simple_queue* queue);
+// Returns 0 when queued, -1 when no node could be had ("fatal: no memory for
+// simple node"); the item is then not queued.
+int simple_queue_put(simple_queue* queue, void* item);
+void* simple_queue_take(simple_queue* queue);
+// Makes sure a later put can take a node without allocating: on success one
+// free node is set aside for it (0), or -1 when no node could be allocated.
+int simple_queue_reserve(simple_queue* queue);
+// A put that uses a node set aside by simple_queue_reserve; never fails.
+void simple_queue_put_reserved(simple_queue* queue, void* item);
+
+struct thread_task {
+  int32_t (*func)(void* arg);
+  void* arg;
+  int32_t retval;
+};
+
+constexpr uint32_t k_thread_pool_max = 32;
+// Stack size of every worker thread. Work scratch lives in the context, so
+// workers need little stack.
+constexpr size_t k_worker_stack_bytes = 256 * 1024;
+
+struct thread_pool {
+  simple_queue* task_queue;
+  simple_queue* done_queue;
+  std::atomic<uint32_t> shutdown;
+  uint32_t started;
+  uint32_t thread_count;
+  pthread_t threads[k_thread_pool_max];
+};
+
+thread_pool* thread_pool_create(uint32_t thread_count);
+// 0 when accepted, -1 when refused ("error: invalid params" for a bad pool).
+// An accepted task is guaranteed to come back through thread_pool_wait.
+int thread_pool_add_task(thread_pool* pool, thread_task* task);
+thread_task* thread_pool_wait(thread_pool* pool);
+void thread_pool_destroy(thread_pool* pool);
+void* thread_pool_worker(void* pool);
+
+// How a refused task is handled by dispatch_tasks.
+enum class on_refused { skip, run_inline };
+
+// Submits the thread_task member `task` of records[0..count), printing
+// "fatal: add task fail" for every refused one (and running it on the calling
+// thread when asked to), then waits once per accepted task. Every stage of
+// the pipeline dispatches its work through this. Returns the number accepted.
+template <class Record>
+uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_refused refused) {
+  uint32_t accepted = 0;
+  for (uint32_t i = 0; i < count; ++i) {
+    thread_task* t = &records[i].task;
+    if (thread_pool_add_task(pool, t) == 0) {
+      ++accepted;
+    } else {
+      puts("fatal: add task fail");
+      if (refused == on_refused::run_inline && t->func) t->retval = t->func(t->arg);
+    }
+  }
+  for (uint32_t i = 0; i < accepted; ++i) thread_pool_wait(pool);
+  return accepted;
+}
+
+}  // namespace ol
+
+#endif

@@ -1,0 +1,68 @@
+// Helpers shared by the tests: stdout capture, poisoned buffers, halves.
+#ifndef OL_TESTS_TEST_UTIL_H
+#define OL_TESTS_TEST_UTIL_H
+
+#include <gtest/gtest.h>
+#include <stdint.h>
+#include <stdio.h>
+
+#include <string>
+#include <vector>
+
+#include "brennik_opt_layers.h"
+
+namespace ol_test {
+
+// Captures everything the library prints to standard output (printf and
+// puts) between begin() and end().
+class stdout_capture {
+ public:
+  stdout_capture() {
+    fflush(stdout);
+    testing::internal::CaptureStdout();
+  }
+  std::string end() {
+    fflush(stdout);
+    done_ = true;
+    return testing::internal::GetCapturedStdout();
+  }
+  ~stdout_capture() {
+    if (!done_) end();
+  }
+
+ private:
+  bool done_ = false;
+};
+
+inline uint16_t h(float f) { return opt_layers_half::from_float_round(f); }
+inline float f(uint16_t bits) { return opt_layers_half::to_float(bits); }
+
+inline half_float::half* as_half(uint16_t* p) { return reinterpret_cast<half_float::half*>(p); }
+inline half_float::half* as_half(std::vector<uint16_t>& v) { return as_half(v.data()); }
+
+// printf into a std::string, for building expected messages.
+std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
+
+// A deterministic generator (tests must not depend on the platform's rand).
+class rng {
+ public:
+  explicit rng(uint64_t seed) : s_(seed * 0x9E3779B97F4A7C15ull + 1) {}
+  uint32_t next() {
+    s_ ^= s_ << 13;
+    s_ ^= s_ >> 7;
+    s_ ^= s_ << 17;
+    return static_cast<uint32_t>(s_ >> 11);
+  }
+  // Uniform in [lo, hi).
+  float uniform(float lo, float hi) { return lo + (hi - lo) * (next() & 0xFFFFFF) / 16777216.0f; }
+  int range(int lo, int hi_inclusive) {
+    return lo + static_cast<int>(next() % static_cast<uint32_t>(hi_inclusive - lo + 1));
+  }
+
+ private:
+  uint64_t s_;
+};
+
+}  // namespace ol_test
+
+#endif
