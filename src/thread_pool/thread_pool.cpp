@@ -1,0 +1,255 @@
+#include "thread_pool/thread_pool.h"
+
+#include <stdio.h>
+
+#include "common/alloc.h"
+
+namespace ol {
+
+// ---- simple_queue ------------------------------------------------------
+
+simple_queue* simple_queue_create() {
+  simple_queue* q = static_cast<simple_queue*>(ol_calloc(1, sizeof(simple_queue)));
+  if (q == nullptr) {
+    puts("fatal: no memory");
+    return nullptr;
+  }
+  q->size = 0;
+  q->anchor.next = &q->anchor;
+  q->anchor.prev = &q->anchor;
+  q->free_nodes = nullptr;
+  pthread_mutex_init(&q->mutex, nullptr);
+  pthread_cond_init(&q->not_empty, nullptr);
+  return q;
+}
+
+void simple_queue_destroy(simple_queue* q) {
+  if (q == nullptr) return;
+  // Items are the caller's: free the nodes only.
+  for (simple_node* n = q->anchor.prev; n != &q->anchor;) {
+    simple_node* older = n->prev;
+    ol_free(n);
+    n = older;
+  }
+  while (q->free_nodes != nullptr) {
+    simple_node* n = q->free_nodes;
+    q->free_nodes = n->prev;
+    ol_free(n);
+  }
+  pthread_mutex_destroy(&q->mutex);
+  pthread_cond_destroy(&q->not_empty);
+  ol_free(q);
+}
+
+namespace {
+
+simple_node* pop_free(simple_queue* q) {
+  simple_node* n = q->free_nodes;
+  q->free_nodes = n->prev;
+  --q->free_count;
+  return n;
+}
+
+void push_free(simple_queue* q, simple_node* n) {
+  n->prev = q->free_nodes;
+  q->free_nodes = n;
+  ++q->free_count;
+}
+
+// Links `node` as the newest item and wakes one taker. Called locked.
+void link_newest(simple_queue* q, simple_node* node, void* item) {
+  node->data = item;
+  node->next = &q->anchor;
+  node->prev = q->anchor.prev;
+  q->anchor.prev->next = node;
+  q->anchor.prev = node;
+  ++q->size;
+  pthread_cond_signal(&q->not_empty);
+}
+
+}  // namespace
+
+int simple_queue_put(simple_queue* q, void* item) {
+  pthread_mutex_lock(&q->mutex);
+  simple_node* node;
+  // Free nodes beyond the reserved ones may be used by an ordinary put.
+  if (q->free_count > q->reserved) {
+    node = pop_free(q);
+  } else {
+    node = static_cast<simple_node*>(ol_malloc(sizeof(simple_node)));
+    if (node == nullptr) {
+      puts("fatal: no memory for simple node");
+      pthread_mutex_unlock(&q->mutex);
+      return -1;
+    }
+  }
+  link_newest(q, node, item);
+  pthread_mutex_unlock(&q->mutex);
+  return 0;
+}
+
+int simple_queue_reserve(simple_queue* q) {
+  pthread_mutex_lock(&q->mutex);
+  if (q->free_count <= q->reserved) {
+    simple_node* node = static_cast<simple_node*>(ol_malloc(sizeof(simple_node)));
+    if (node == nullptr) {
+      puts("fatal: no memory for simple node");
+      pthread_mutex_unlock(&q->mutex);
+      return -1;
+    }
+    push_free(q, node);
+  }
+  ++q->reserved;
+  pthread_mutex_unlock(&q->mutex);
+  return 0;
+}
+
+void simple_queue_put_reserved(simple_queue* q, void* item) {
+  pthread_mutex_lock(&q->mutex);
+  --q->reserved;
+  link_newest(q, pop_free(q), item);
+  pthread_mutex_unlock(&q->mutex);
+}
+
+void* simple_queue_take(simple_queue* q) {
+  pthread_mutex_lock(&q->mutex);
+  while (q->size == 0) pthread_cond_wait(&q->not_empty, &q->mutex);
+  simple_node* oldest = q->anchor.next;
+  if (oldest == &q->anchor) {
+    puts("fatal error: corruptted queue.");
+    pthread_mutex_unlock(&q->mutex);
+    return nullptr;
+  }
+  q->anchor.next = oldest->next;
+  oldest->next->prev = &q->anchor;
+  --q->size;
+  void* item = oldest->data;
+  push_free(q, oldest);
+  pthread_mutex_unlock(&q->mutex);
+  return item;
+}
+
+// ---- thread_pool -------------------------------------------------------
+
+namespace {
+
+// Stops `running` workers: sets shutdown, queues one stop item per worker
+// and joins them in index order.
+void stop_workers(thread_pool* pool, uint32_t running) {
+  pool->shutdown.store(1, std::memory_order_release);
+  for (uint32_t i = 0; i < running; ++i) {
+    // A stop item that cannot be queued would leave a worker blocked for
+    // ever; keep trying (a node is freed as soon as any queued item is taken).
+    while (simple_queue_put(pool->task_queue, nullptr) != 0) {
+    }
+  }
+  for (uint32_t i = 0; i < running; ++i) pthread_join(pool->threads[i], nullptr);
+}
+
+bool pool_usable(const thread_pool* pool) {
+  return pool != nullptr && pool->task_queue != nullptr && pool->started == 1;
+}
+
+}  // namespace
+
+void* thread_pool_worker(void* arg) {
+  thread_pool* pool = static_cast<thread_pool*>(arg);
+  if (pool->shutdown.load(std::memory_order_acquire)) return nullptr;
+  for (;;) {
+    thread_task* task = static_cast<thread_task*>(simple_queue_take(pool->task_queue));
+    if (task == nullptr) return nullptr;  // stop item
+    if (task->func == nullptr) {
+      puts("error: invalid task");
+    } else {
+      task->retval = task->func(task->arg);
+    }
+    // The node was set aside when the task was accepted, so the task always
+    // comes back, also when its func was NULL.
+    simple_queue_put_reserved(pool->done_queue, task);
+    if (pool->shutdown.load(std::memory_order_acquire)) return nullptr;
+  }
+}
+
+thread_pool* thread_pool_create(uint32_t thread_count) {
+  if (thread_count == 0) {
+    printf("thread number %d less than 1\n", 0);
+    return nullptr;
+  }
+  if (thread_count > k_thread_pool_max) {
+    printf("thread number %d exceed max %d\n", static_cast<int>(thread_count),
+           static_cast<int>(k_thread_pool_max));
+    return nullptr;
+  }
+  thread_pool* pool = static_cast<thread_pool*>(ol_calloc(1, sizeof(thread_pool)));
+  if (pool == nullptr) {
+    puts("fatal: no memory");
+    return nullptr;
+  }
+  pool->shutdown.store(0, std::memory_order_relaxed);
+  pool->thread_count = thread_count;
+  pool->task_queue = simple_queue_create();
+  pool->done_queue = pool->task_queue ? simple_queue_create() : nullptr;
+  if (pool->task_queue == nullptr || pool->done_queue == nullptr) {
+    simple_queue_destroy(pool->task_queue);
+    ol_free(pool);
+    return nullptr;
+  }
+  // Workers get a small fixed stack: whatever the platform default is, the
+  // stages keep their large scratch in the context.
+  pthread_attr_t attr;
+  pthread_attr_init(&attr);
+  pthread_attr_setstacksize(&attr, k_worker_stack_bytes);
+  for (uint32_t i = 0; i < thread_count; ++i) {
+    if (pthread_create(&pool->threads[i], &attr, thread_pool_worker, pool) != 0) {
+      puts("fatal: pthread_create fail");
+      pthread_attr_destroy(&attr);
+      stop_workers(pool, i);
+      simple_queue_destroy(pool->task_queue);
+      simple_queue_destroy(pool->done_queue);
+      ol_free(pool);
+      return nullptr;
+    }
+  }
+  pthread_attr_destroy(&attr);
+  pool->started = 1;
+  return pool;
+}
+
+int thread_pool_add_task(thread_pool* pool, thread_task* task) {
+  if (!pool_usable(pool)) {
+    puts("error: invalid params");
+    return -1;
+  }
+  // Set aside the node that will hand the task back before queueing it, so
+  // an accepted task can never be lost; a task that cannot get both nodes is
+  // refused instead.
+  if (simple_queue_reserve(pool->done_queue) != 0) return -1;
+  if (simple_queue_put(pool->task_queue, task) != 0) {
+    pthread_mutex_lock(&pool->done_queue->mutex);
+    --pool->done_queue->reserved;
+    pthread_mutex_unlock(&pool->done_queue->mutex);
+    return -1;
+  }
+  return 0;
+}
+
+thread_task* thread_pool_wait(thread_pool* pool) {
+  if (!pool_usable(pool)) {
+    puts("error: invalid params");
+    return nullptr;
+  }
+  return static_cast<thread_task*>(simple_queue_take(pool->done_queue));
+}
+
+void thread_pool_destroy(thread_pool* pool) {
+  if (pool == nullptr) return;
+  if (pool->started == 1) {
+    stop_workers(pool, pool->thread_count);
+    pool->started = 0;
+  }
+  simple_queue_destroy(pool->task_queue);
+  simple_queue_destroy(pool->done_queue);
+  ol_free(pool);
+}
+
+}  // namespace ol
