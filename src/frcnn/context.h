@@ -47,6 +47,10 @@ struct frcnn_context {
 frcnn_context* frcnn_init(const frcnn_desc* desc, const float* base_anchors);
 void frcnn_release(frcnn_context* ctx);
 
+// The process-wide context of the opt_layers_frcnn_* functions (NULL before
+// a successful opt_layers_frcnn_init).
+frcnn_context* global_context();
+
 // Prints the configuration (used by init when is_debug is set).
 void frcnn_desc_dump(const frcnn_desc* desc);
 

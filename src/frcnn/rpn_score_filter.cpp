@@ -1,0 +1,143 @@
+// Candidate extraction from the RPN score tensor.
+#include <string.h>
+
+#include "frcnn/rpn_stage.h"
+
+namespace ol {
+
+namespace {
+
+// Appends the values of one row that lie above T; returns the new length.
+inline uint32_t filter_row(uint16_t T, const uint16_t* row, uint32_t W, uint32_t position,
+                           uint16_t* scores, uint32_t* positions, uint32_t m) {
+  for (uint32_t x = 0; x < W; ++x) {
+    const uint16_t s = row[x];
+    // Branch-free append: always store, advance only when kept.
+    scores[m] = s;
+    positions[m] = position + x;
+    m += half_above(s, T) ? 1u : 0u;
+  }
+  return m;
+}
+
+inline uint32_t copy_row(const uint16_t* row, uint32_t W, uint32_t position, uint16_t* scores,
+                         uint32_t* positions, uint32_t m) {
+  memcpy(scores + m, row, W * sizeof(uint16_t));
+  for (uint32_t x = 0; x < W; ++x) positions[m + x] = position + x;
+  return m + W;
+}
+
+// fg - bg in single precision, truncated back to half.
+inline uint16_t score_difference(uint16_t fg, uint16_t bg) {
+  return opt_layers_half::from_float_trunc(opt_layers_half::to_float(fg) -
+                                           opt_layers_half::to_float(bg));
+}
+
+int32_t score_filter_task_func(void* arg) {
+  score_filter_task* t = static_cast<score_filter_task*>(arg);
+  score_filter_slice(t->threshold, t->src, t->scores, t->positions, t->count, t->pitch, t->W,
+                     t->H, t->planes, t->first_position);
+  return 0;
+}
+
+// Foreground-only scores with the threshold: one task per anchor plane, each
+// filling its own slice of the scratch; the slices are then merged by anchor,
+// which gives exactly the serial order. The scratch lives in the context:
+// the scores in the unused upper half of rpn_cls_nopitch, the positions in
+// order_buf (not used before the sort).
+uint32_t parallel_filter(frcnn_context* ctx, const uint16_t* rpn_cls, uint16_t T) {
+  const frcnn_desc& d = ctx->desc;
+  const uint32_t A = d.anchor_num, H = d.fmap_h, W = d.fmap_w, Pc = d.rpn_cls_pitch;
+  const uint32_t HW = H * W;
+  if (A == 0) return 0;
+  uint16_t* slice_scores = ctx->rpn_cls_nopitch + static_cast<size_t>(A) * HW;
+  uint32_t* slice_positions = ctx->order_buf;
+  score_filter_task* tasks = ctx->filter_tasks;
+  for (uint32_t a = 0; a < A; ++a) {
+    score_filter_task& t = tasks[a];
+    t.threshold = T;
+    t.src = rpn_cls + static_cast<size_t>(a) * H * Pc;
+    t.scores = slice_scores + static_cast<size_t>(a) * HW;
+    t.positions = slice_positions + static_cast<size_t>(a) * HW;
+    t.count = &ctx->filter_counts[a];
+    t.pitch = Pc;
+    t.W = W;
+    t.H = H;
+    t.planes = 1;
+    t.first_position = a * HW;
+    t.index = a;
+    t.task.func = score_filter_task_func;
+    t.task.arg = &t;
+    t.task.retval = 0;
+  }
+  // A refused anchor is scanned on this thread, so the list is always the
+  // serial one.
+  dispatch_tasks(ctx->pool, tasks, A, on_refused::run_inline);
+  uint32_t m = 0;
+  for (uint32_t a = 0; a < A; ++a) {
+    const uint32_t c = ctx->filter_counts[a];
+    memmove(ctx->rpn_cls_nopitch + m, tasks[a].scores, c * sizeof(uint16_t));
+    memcpy(ctx->order_rpn_index + m, tasks[a].positions, c * sizeof(uint32_t));
+    m += c;
+  }
+  return m;
+}
+
+}  // namespace
+
+void score_filter_slice(uint16_t T, const uint16_t* src, uint16_t* scores, uint32_t* positions,
+                        uint32_t* count, uint32_t pitch, uint32_t W, uint32_t H, uint32_t planes,
+                        uint32_t first_position) {
+  uint32_t m = 0;
+  const uint32_t rows = planes * H;
+  for (uint32_t r = 0; r < rows; ++r)
+    m = filter_row(T, src + static_cast<size_t>(r) * pitch, W, first_position + r * W, scores,
+                   positions, m);
+  *count = m;
+}
+
+uint32_t rpn_score_filter(frcnn_context* ctx, const uint16_t* rpn_cls, uint16_t T) {
+  const frcnn_desc& d = ctx->desc;
+  const uint32_t A = d.anchor_num, H = d.fmap_h, W = d.fmap_w, Pc = d.rpn_cls_pitch;
+  const bool filter = d.is_filter_rpn_cls;
+  const size_t plane = static_cast<size_t>(H) * Pc;
+  uint16_t* scores = ctx->rpn_cls_nopitch;
+  uint32_t* positions = ctx->order_rpn_index;
+
+  if (d.is_rpn_cls_fg_minus_bg) {
+    uint32_t m = 0;
+    for (uint32_t a = 0; a < A; ++a) {
+      const uint16_t* bg = rpn_cls + 2 * a * plane;
+      const uint16_t* fg = bg + plane;
+      for (uint32_t y = 0; y < H; ++y) {
+        const uint32_t position = (a * H + y) * W;
+        const size_t row = static_cast<size_t>(y) * Pc;
+        for (uint32_t x = 0; x < W; ++x) {
+          const uint16_t s = score_difference(fg[row + x], bg[row + x]);
+          scores[m] = s;
+          positions[m] = position + x;
+          m += (!filter || half_above(s, T)) ? 1u : 0u;
+        }
+      }
+    }
+    return m;
+  }
+
+  if (d.is_rpn_cls_fg_only && filter) return parallel_filter(ctx, rpn_cls, T);
+
+  // Foreground planes: plane a (foreground only) or plane A + a (two-class).
+  const uint16_t* fg_base = d.is_rpn_cls_fg_only ? rpn_cls : rpn_cls + A * plane;
+  uint32_t m = 0;
+  for (uint32_t a = 0; a < A; ++a) {
+    const uint16_t* fg = fg_base + a * plane;
+    for (uint32_t y = 0; y < H; ++y) {
+      const uint16_t* row = fg + static_cast<size_t>(y) * Pc;
+      const uint32_t position = (a * H + y) * W;
+      m = filter ? filter_row(T, row, W, position, scores, positions, m)
+                 : copy_row(row, W, position, scores, positions, m);
+    }
+  }
+  return m;
+}
+
+}  // namespace ol

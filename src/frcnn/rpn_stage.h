@@ -1,0 +1,91 @@
+// The proposal stage: score filter, ordering, box decode with refill, and
+// the driver that runs them under the context lock.
+#ifndef OL_FRCNN_RPN_STAGE_H
+#define OL_FRCNN_RPN_STAGE_H
+
+#include <stdint.h>
+
+#include "frcnn/context.h"
+
+namespace ol {
+
+// ---- score filter ----------------------------------------------------------
+
+// Order-preserving key of a half: magnitude, negated when the sign is set,
+// so +0 and -0 are equal and the integer order is the value order.
+inline int32_t half_order_key(uint16_t h) {
+  const int32_t m = h & 0x7FFF;
+  return (h & 0x8000) ? -m : m;
+}
+inline bool half_is_nan(uint16_t h) { return (h & 0x7FFFu) > 0x7C00u; }
+// s strictly above t; a NaN on either side is never above.
+inline bool half_above(uint16_t s, uint16_t t) {
+  return !half_is_nan(s) && !half_is_nan(t) && half_order_key(s) > half_order_key(t);
+}
+
+// One anchor's share of the parallel filter (foreground-only scores with
+// the threshold).
+struct score_filter_task {
+  uint16_t threshold;
+  const uint16_t* src;  // the anchor's plane
+  uint16_t* scores;     // its slice of the score scratch
+  uint32_t* positions;  // its slice of the position scratch
+  uint32_t* count;
+  uint32_t pitch;
+  uint32_t W;
+  uint32_t H;
+  uint32_t planes;
+  uint32_t first_position;
+  uint32_t index;
+  thread_task task;
+};
+
+// Scans planes*H rows of W halves from src (row pitch `pitch`), keeps every
+// value above T with its position first_position + row*W + x, and stores
+// the number kept.
+void score_filter_slice(uint16_t T, const uint16_t* src, uint16_t* scores, uint32_t* positions,
+                        uint32_t* count, uint32_t pitch, uint32_t W, uint32_t H, uint32_t planes,
+                        uint32_t first_position);
+
+// Builds the candidate list (rpn_cls_nopitch, order_rpn_index) and returns
+// its length M.
+uint32_t rpn_score_filter(frcnn_context* ctx, const uint16_t* rpn_cls, uint16_t T);
+
+// ---- box decode ------------------------------------------------------------
+
+struct rpn_decode_params {
+  const float* anchors;
+  const uint16_t* rpn_bbox;
+  const uint16_t* scores;
+  const uint32_t* order_rpn_index;
+  int16_t img_h;
+  int16_t img_w;
+  uint32_t H;
+  uint32_t W;
+  uint32_t Pb;
+  uint32_t min_size;
+  uint32_t A;
+  uint32_t bbox_type;
+  bool apply_scale;
+  const float* bbox_scale_factor;
+};
+
+// Decodes order[0..count) into proposal records from out on, skipping the
+// candidates smaller than min_size. Returns 0 and stores the number dropped,
+// or -1 for an unsupported bbox_type (nothing written).
+int rpn_decode_batch(const rpn_decode_params& p, uint16_t* out, const uint32_t* order,
+                     uint32_t count, uint32_t* dropped);
+
+// Decodes the best n of M candidates, refilling dropped ones from the next
+// in score order. Returns the number of proposals K, or -1 for an
+// unsupported bbox_type.
+int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_t M);
+
+// ---- driver ----------------------------------------------------------------
+
+int frcnn_prenms(frcnn_context* ctx, const uint16_t* rpn_cls, const uint16_t* rpn_bbox,
+                 half_float::half** proposals);
+
+}  // namespace ol
+
+#endif
