@@ -1,0 +1,400 @@
+// The proposal stage through its entry points, against a direct
+// formulation: every score computed, all candidates ordered at once, every
+// candidate decoded, and the first survivors kept.
+// ctest-labels: threaded
+#include <math.h>
+#include <pthread.h>
+
+#include <algorithm>
+#include <thread>
+
+#include "common/frame_gen.h"
+#include "common/test_util.h"
+#include "frcnn/context.h"
+#include "frcnn/rpn_stage.h"
+
+namespace {
+
+using ol_test::hp;
+using ol_test::stdout_capture;
+namespace oh = opt_layers_half;
+
+struct candidate {
+  uint16_t score;
+  uint32_t position;
+};
+
+// Scores of every position, in position order, as the three modes define them.
+std::vector<candidate> reference_candidates(const frcnn_desc& d, const std::vector<uint16_t>& cls) {
+  const uint32_t A = d.anchor_num, H = d.fmap_h, W = d.fmap_w;
+  const size_t plane = static_cast<size_t>(H) * d.rpn_cls_pitch;
+  const uint16_t T = oh::from_float_trunc(d.rpn_cls_threshold);
+  std::vector<candidate> out;
+  for (uint32_t a = 0; a < A; ++a)
+    for (uint32_t y = 0; y < H; ++y)
+      for (uint32_t x = 0; x < W; ++x) {
+        const size_t at = static_cast<size_t>(y) * d.rpn_cls_pitch + x;
+        uint16_t s;
+        if (d.is_rpn_cls_fg_minus_bg) {
+          const float diff = oh::to_float(cls[(2 * a + 1) * plane + at]) -
+                             oh::to_float(cls[2 * a * plane + at]);
+          s = oh::from_float_trunc(diff);
+        } else if (d.is_rpn_cls_fg_only) {
+          s = cls[a * plane + at];
+        } else {
+          s = cls[(A + a) * plane + at];
+        }
+        const float sv = oh::to_float(s), tv = oh::to_float(T);
+        if (!d.is_filter_rpn_cls || sv > tv) out.push_back({s, (a * H + y) * W + x});
+      }
+  return out;
+}
+
+// Best first; equal values by position, +0 before -0 (the histogram order).
+void reference_order(std::vector<candidate>& c) {
+  std::stable_sort(c.begin(), c.end(), [](const candidate& a, const candidate& b) {
+    const float fa = oh::to_float(a.score), fb = oh::to_float(b.score);
+    if (fa != fb) return fa > fb;
+    return a.score == 0x0000 && b.score == 0x8000;
+  });
+}
+
+// Decodes every ordered candidate and keeps the first min(n, survivors).
+std::vector<uint16_t> reference_proposals(const frcnn_desc& d, const std::vector<float>& base,
+                                          const ol_test::rpn_frame& f) {
+  std::vector<candidate> c = reference_candidates(d, f.cls);
+  reference_order(c);
+  const uint32_t H = d.fmap_h, W = d.fmap_w;
+  const size_t plane = static_cast<size_t>(H) * d.fmap_pitch;
+  const size_t n = std::min<size_t>(c.size(), d.pre_nms_num);
+  std::vector<uint16_t> out;
+  for (const candidate& k : c) {
+    if (out.size() / 5 == n) break;
+    const uint32_t a = k.position / (H * W), y = k.position % (H * W) / W, x = k.position % W;
+    const float sx = static_cast<float>(x * d.fmap_scale), sy = static_cast<float>(y * d.fmap_scale);
+    const float ax1 = base[4 * a] + sx, ay1 = base[4 * a + 1] + sy;
+    const float ax2 = base[4 * a + 2] + sx, ay2 = base[4 * a + 3] + sy;
+    const float wa = ax2 - ax1 + 1.0f, ha = ay2 - ay1 + 1.0f;
+    float e[4];
+    for (int j = 0; j < 4; ++j)
+      e[j] = oh::to_float(f.bbox[(4 * a + j) * plane + static_cast<size_t>(y) * d.fmap_pitch + x]);
+    float dx = e[0], dy = e[1], dw = e[2], dh = e[3];
+    if (d.bbox_type == 1) std::swap(dx, dy), std::swap(dw, dh);
+    const float pw = wa * expf(dw), ph = ha * expf(dh);
+    if (pw + 1.0f < static_cast<float>(d.min_size) || ph + 1.0f < static_cast<float>(d.min_size))
+      continue;
+    const float cx = static_cast<float>(ax1 + 0.5 * wa), cy = static_cast<float>(ay1 + 0.5 * ha);
+    const float pcx = fmaf(dx, wa, cx), pcy = fmaf(dy, ha, cy);
+    const float box[4] = {static_cast<float>(pcx - 0.5 * pw), static_cast<float>(pcy - 0.5 * ph),
+                          static_cast<float>(pcx + 0.5 * pw), static_cast<float>(pcy + 0.5 * ph)};
+    for (int j = 0; j < 4; ++j) {
+      const float L = static_cast<float>(j % 2 == 0 ? d.img_w : d.img_h);
+      float v = std::isnan(box[j]) || box[j] >= L - 1 ? L - 1 : box[j];
+      v = v > 0 ? v : 0;
+      out.push_back(oh::from_float_round(v));
+    }
+    out.push_back(k.score);
+  }
+  return out;
+}
+
+struct handle {
+  void* h;
+  explicit handle(frcnn_desc d, const std::vector<float>& anchors)
+      : h(opt_layers_instance_frcnn_init(&d, const_cast<float*>(anchors.data()))) {}
+  ~handle() { opt_layers_instance_frcnn_exit(h); }
+  ol::frcnn_context* ctx() const { return static_cast<ol::frcnn_context*>(h); }
+};
+
+std::vector<uint16_t> run_prenms(void* h, ol_test::rpn_frame& f) {
+  half_float::half* props = nullptr;
+  const int k = opt_layers_instance_frcnn_prenms(h, hp(f.cls), hp(f.bbox), &props);
+  EXPECT_GE(k, 0);
+  if (k <= 0) return {};
+  const uint16_t* p = reinterpret_cast<const uint16_t*>(props);
+  return std::vector<uint16_t>(p, p + 5 * k);
+}
+
+frcnn_desc small_config(uint8_t threads, bool qsort) {
+  frcnn_desc d = ol_test::mobile_desc(threads, qsort);
+  d.fmap_h = 11;
+  d.fmap_w = 13;
+  d.rpn_cls_pitch = 16;
+  d.fmap_pitch = 15;
+  d.rpn_bbox_pitch = 999;  // read by no stage
+  d.pre_nms_num = 300;
+  return d;
+}
+
+TEST(score_filter, modes_and_threshold_match_direct_computation) {
+  const std::vector<float> anchors = ol_test::base_anchors_9();
+  ol_test::rng r(3);
+  for (int mode = 0; mode < 4; ++mode)
+    for (int filter = 0; filter < 2; ++filter)
+      for (float threshold : {0.0f, -0.5f, 0.3f}) {
+        frcnn_desc d = small_config(3, true);
+        d.is_rpn_cls_fg_minus_bg = mode == 1 || mode == 3;  // mode 3: both flags, difference wins
+        d.is_rpn_cls_fg_only = mode >= 2;
+        d.is_filter_rpn_cls = filter;
+        d.rpn_cls_threshold = threshold;
+        handle h(d, anchors);
+        ASSERT_NE(h.h, nullptr);
+        ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 5);
+        // Signed zeros, negatives and exact threshold values among the scores.
+        for (uint16_t& v : f.cls) {
+          const uint32_t pick = r.next() % 8;
+          if (v == 0x7E00) continue;  // padding
+          if (pick == 0) v = 0x8000;
+          if (pick == 1) v = 0x0000;
+          if (pick == 2) v = oh::from_float_trunc(threshold);
+          if (pick == 3) v = oh::from_float_round(-r.uniform(0, 1));
+        }
+        const std::vector<candidate> want = reference_candidates(d, f.cls);
+        const uint32_t M = ol::rpn_score_filter(h.ctx(), f.cls.data(),
+                                                oh::from_float_trunc(threshold));
+        ASSERT_EQ(M, want.size()) << mode << " " << filter;
+        for (uint32_t i = 0; i < M; ++i) {
+          ASSERT_EQ(h.ctx()->rpn_cls_nopitch[i], want[i].score) << i;
+          ASSERT_EQ(h.ctx()->order_rpn_index[i], want[i].position) << i;
+        }
+      }
+}
+
+TEST(score_filter, threshold_is_truncated_and_strict) {
+  // 0.7 truncates to the half 0.69970703125: the next half up passes, the
+  // threshold itself does not; +0 and -0 are equal; NaN never passes.
+  EXPECT_EQ(oh::from_float_trunc(0.7f), 0x3999);
+  EXPECT_TRUE(ol::half_above(0x399A, oh::from_float_trunc(0.7f)));
+  EXPECT_FALSE(ol::half_above(0x3999, oh::from_float_trunc(0.7f)));
+  EXPECT_FALSE(ol::half_above(0x8000, 0x0000));
+  EXPECT_FALSE(ol::half_above(0x0000, 0x8000));
+  EXPECT_TRUE(ol::half_above(0x0001, 0x8000));
+  EXPECT_TRUE(ol::half_above(oh::from_float_round(-0.25f), oh::from_float_round(-0.5f)));
+  EXPECT_TRUE(ol::half_above(0x8000, oh::from_float_round(-0.5f)));
+  EXPECT_FALSE(ol::half_above(0x7E00, 0x0000));
+  EXPECT_FALSE(ol::half_above(0x3C00, 0x7E00));
+  EXPECT_TRUE(ol::half_above(0x7C00, 0x7BFF));
+  // fg = 60000, bg = -60000 gives +infinity; fg = bg gives +0.
+  EXPECT_EQ(oh::from_float_trunc(oh::to_float(0x7B53) - oh::to_float(0xFB53)), 0x7C00);
+}
+
+// The whole stage against the direct formulation, on realistic frames with
+// drops (min_size large enough to reject many candidates), in every mode,
+// with 1 and 8 workers. The histogram path must reproduce the stable order
+// exactly; the comparison path equals it where scores are distinct.
+TEST(proposal_stage, matches_direct_formulation) {
+  const std::vector<float> anchors = ol_test::base_anchors_9();
+  for (int mode = 0; mode < 3; ++mode)
+    for (int type = 0; type < 2; ++type) {
+      frcnn_desc d = small_config(1, false);
+      d.is_rpn_cls_fg_minus_bg = mode == 1;
+      d.is_rpn_cls_fg_only = mode == 2;
+      d.is_filter_rpn_cls = mode == 2;
+      d.rpn_cls_threshold = 0.05f;
+      d.bbox_type = type;
+      d.min_size = 120;
+      d.pre_nms_num = 200;
+      ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 10 + mode);
+      const std::vector<uint16_t> want = reference_proposals(d, anchors, f);
+      ASSERT_GT(want.size(), 50u);
+      for (uint8_t threads : {1, 8}) {
+        d.thread_num = threads;
+        handle h(d, anchors);
+        EXPECT_EQ(run_prenms(h.h, f), want) << mode << " " << type << " " << int(threads);
+      }
+    }
+}
+
+TEST(proposal_stage, comparison_and_histogram_paths_agree_on_distinct_scores) {
+  const std::vector<float> anchors = ol_test::base_anchors_9();
+  frcnn_desc d = small_config(2, false);
+  d.min_size = 100;
+  ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 4);
+  // Every foreground score a distinct half: a shuffled run of patterns.
+  const size_t plane = static_cast<size_t>(d.fmap_h) * d.rpn_cls_pitch;
+  std::vector<uint16_t> values;
+  for (uint32_t i = 0; i < d.anchor_num * d.fmap_h * d.fmap_w; ++i)
+    values.push_back(static_cast<uint16_t>(0x2000 + i));
+  ol_test::rng r(9);
+  for (size_t i = values.size(); i > 1; --i) std::swap(values[i - 1], values[r.next() % i]);
+  size_t next = 0;
+  for (uint32_t a = 0; a < d.anchor_num; ++a)
+    for (uint32_t y = 0; y < d.fmap_h; ++y)
+      for (uint32_t x = 0; x < d.fmap_w; ++x)
+        f.cls[(d.anchor_num + a) * plane + y * d.rpn_cls_pitch + x] = values[next++];
+  handle hist(d, anchors);
+  d.is_use_qsort = 1;
+  handle qs(d, anchors);
+  const std::vector<uint16_t> a = run_prenms(hist.h, f), b = run_prenms(qs.h, f);
+  EXPECT_EQ(a, b);
+  EXPECT_EQ(a, reference_proposals(d, anchors, f));
+  // Non-increasing scores, every corner inside the image.
+  for (size_t i = 0; i + 5 <= a.size(); i += 5) {
+    if (i) EXPECT_GE(oh::to_float(a[i - 1]), oh::to_float(a[i + 4]));
+    for (int j = 0; j < 4; ++j) {
+      const float v = oh::to_float(a[i + j]);
+      EXPECT_GE(v, 0.0f);
+      EXPECT_LE(v, (j % 2 ? d.img_h : d.img_w) - 1.0f);
+    }
+  }
+}
+
+// n = 3 of M = 10 candidates; the second best decodes to a tiny box and is
+// replaced by the fourth.
+TEST(proposal_stage, refill_replaces_dropped_candidates) {
+  std::vector<float> anchors = {0, 0, 31, 31};
+  for (bool qsort : {false, true}) {
+    frcnn_desc d = small_config(2, qsort);
+    d.anchor_num = 1;
+    d.fmap_h = 1;
+    d.fmap_w = 10;
+    d.rpn_cls_pitch = d.fmap_pitch = 10;
+    d.pre_nms_num = 3;
+    d.min_size = 16;
+    handle h(d, anchors);
+    std::vector<uint16_t> cls(20, 0), bbox(40, 0);
+    for (int x = 0; x < 10; ++x) cls[10 + x] = oh::from_float_round(0.9f - 0.05f * x);
+    bbox[20 + 1] = oh::from_float_round(-3.0f);  // dw of x = 1: width 32 * e^-3 < 15
+    ol_test::rpn_frame f{cls, bbox};
+    const std::vector<uint16_t> p = run_prenms(h.h, f);
+    ASSERT_EQ(p.size(), 15u);
+    EXPECT_EQ(p[4], cls[10]);
+    EXPECT_EQ(p[9], cls[12]);
+    EXPECT_EQ(p[14], cls[13]);
+    // All dropped: nothing left after as many refills as needed.
+    for (int x = 0; x < 10; ++x) f.bbox[20 + x] = oh::from_float_round(-5.0f);
+    EXPECT_EQ(run_prenms(h.h, f).size(), 0u);
+  }
+}
+
+TEST(proposal_stage, nan_deltas_and_scores) {
+  std::vector<float> anchors = {0, 0, 15, 15};
+  frcnn_desc d = small_config(1, false);
+  d.anchor_num = 1;
+  d.fmap_h = 1;
+  d.fmap_w = 4;
+  d.rpn_cls_pitch = d.fmap_pitch = 4;
+  d.is_filter_rpn_cls = 1;
+  d.rpn_cls_threshold = 0.0f;
+  handle h(d, anchors);
+  std::vector<uint16_t> cls = {0, 0, 0, 0, 0x3C00, 0x7E00, 0xFE00, 0x3800};
+  std::vector<uint16_t> bbox(16, 0);
+  bbox[8] = 0x7E00;  // dw of x = 0 is NaN: kept, x1 = x2 = img_w - 1
+  ol_test::rpn_frame f{cls, bbox};
+  const std::vector<uint16_t> p = run_prenms(h.h, f);
+  ASSERT_EQ(p.size(), 10u);  // the NaN scores are never candidates
+  EXPECT_EQ(p[0], oh::from_float_round(d.img_w - 1.0f));
+  EXPECT_EQ(p[2], oh::from_float_round(d.img_w - 1.0f));
+  EXPECT_EQ(p[4], 0x3C00);
+  EXPECT_EQ(p[9], 0x3800);
+}
+
+TEST(proposal_stage, failures_print_their_messages_and_release_the_lock) {
+  const std::vector<float> anchors = ol_test::base_anchors_9();
+  frcnn_desc d = small_config(2, false);
+  ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 1);
+  std::vector<uint16_t> nms_out(4 * d.post_nms_num);
+  {
+    stdout_capture cap;
+    EXPECT_EQ(opt_layers_frcnn_prenms(hp(f.cls), hp(f.bbox), nullptr), -1);
+    EXPECT_EQ(opt_layers_frcnn_prenms_nms(hp(f.cls), hp(f.bbox), hp(nms_out)), -1);
+    EXPECT_EQ(opt_layers_frcnn_prenms_nms(nullptr, hp(f.bbox), nullptr), -1);
+    EXPECT_EQ(cap.end(),
+              "opt_layers library is not inited\n"
+              "opt_layers library is not inited\nfrcnn prenms err\n"
+              "frcnn nms_out is NULL\n");
+  }
+  handle h(d, anchors);
+  {
+    stdout_capture cap;
+    EXPECT_EQ(opt_layers_instance_frcnn_prenms(h.h, nullptr, hp(f.bbox), nullptr), -1);
+    EXPECT_EQ(opt_layers_instance_frcnn_prenms_nms(h.h, hp(f.cls), nullptr, hp(nms_out)), -1);
+    EXPECT_EQ(cap.end(),
+              ol_test::format("RPN Output (cls or bbox) is NULL: %p %p\n", nullptr,
+                              static_cast<void*>(f.bbox.data())) +
+                  ol_test::format("RPN Output (cls or bbox) is NULL: %p %p\n",
+                                  static_cast<void*>(f.cls.data()), nullptr) +
+                  "frcnn prenms err\n");
+  }
+  d.bbox_type = 2;
+  handle bad(d, anchors);
+  for (int i = 0; i < 2; ++i) {
+    stdout_capture cap;
+    EXPECT_EQ(opt_layers_instance_frcnn_prenms(bad.h, hp(f.cls), hp(f.bbox), nullptr), -1);
+    EXPECT_EQ(cap.end(), "Unsupport bbox type: 2\n");
+  }
+  EXPECT_EQ(pthread_mutex_trylock(&bad.ctx()->lock), 0);
+  pthread_mutex_unlock(&bad.ctx()->lock);
+}
+
+TEST(proposal_stage, debug_counts_and_empty_frames) {
+  const std::vector<float> anchors = ol_test::base_anchors_9();
+  frcnn_desc d = small_config(1, false);
+  d.is_filter_rpn_cls = 1;
+  d.rpn_cls_threshold = 2.0f;  // above every score: M = 0
+  handle quiet(d, anchors);
+  d.is_debug = 1;
+  stdout_capture dump;
+  handle h(d, anchors);
+  dump.end();
+  ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 2);
+  {
+    stdout_capture cap;
+    EXPECT_EQ(opt_layers_instance_frcnn_prenms(h.h, hp(f.cls), hp(f.bbox), nullptr), 0);
+    EXPECT_EQ(cap.end(), "Total_RPN_Score Num: 0 before sorting\nTotal_RoI Num: 0 before nms\n");
+  }
+  {
+    stdout_capture cap;
+    EXPECT_EQ(opt_layers_instance_frcnn_prenms(quiet.h, hp(f.cls), hp(f.bbox), nullptr), 0);
+    EXPECT_EQ(cap.end(), "");
+  }
+  d.rpn_cls_threshold = 0.0f;
+  d.is_filter_rpn_cls = 0;
+  d.pre_nms_num = 0;
+  handle none(d, anchors);
+  stdout_capture cap;
+  EXPECT_EQ(opt_layers_instance_frcnn_prenms(none.h, hp(f.cls), hp(f.bbox), nullptr), 0);
+  EXPECT_EQ(cap.end(), ol_test::format("Total_RPN_Score Num: %u before sorting\n",
+                                       d.anchor_num * d.fmap_h * d.fmap_w) +
+                           "Total_RoI Num: 0 before nms\n");
+}
+
+// Handles are independent: several threads, each with its own handle,
+// alternating with the global context, give the results of one handle alone.
+TEST(proposal_stage, concurrent_handles_match_a_single_one) {
+  const std::vector<float> anchors = ol_test::base_anchors_9();
+  const frcnn_desc d = ol_test::vgg16_desc(2, false);
+  std::vector<ol_test::rpn_frame> frames;
+  for (int i = 0; i < 3; ++i) frames.push_back(ol_test::make_rpn_frame(d, 20 + i));
+  std::vector<std::vector<uint16_t>> want;
+  {
+    handle h(d, anchors);
+    for (auto& f : frames) want.push_back(run_prenms(h.h, f));
+  }
+  frcnn_desc g = d;
+  ASSERT_EQ(opt_layers_frcnn_init(&g, const_cast<float*>(anchors.data())), 0);
+  std::vector<std::thread> threads;
+  std::vector<int> mismatches(4, 0);
+  for (int t = 0; t < 4; ++t)
+    threads.emplace_back([&, t] {
+      frcnn_desc mine = d;
+      mine.thread_num = static_cast<uint8_t>(1 + t);
+      handle h(mine, anchors);
+      for (int round = 0; round < 5; ++round)
+        for (size_t i = 0; i < frames.size(); ++i) {
+          ol_test::rpn_frame f = frames[i];
+          if (run_prenms(h.h, f) != want[i]) ++mismatches[t];
+        }
+    });
+  for (size_t i = 0; i < frames.size(); ++i) {
+    half_float::half* props = nullptr;
+    const int k = opt_layers_frcnn_prenms(hp(frames[i].cls), hp(frames[i].bbox), &props);
+    ASSERT_EQ(static_cast<size_t>(5 * k), want[i].size());
+    EXPECT_TRUE(std::equal(want[i].begin(), want[i].end(), reinterpret_cast<uint16_t*>(props)));
+  }
+  for (auto& t : threads) t.join();
+  opt_layers_frcnn_exit();
+  for (int m : mismatches) EXPECT_EQ(m, 0);
+}
+
+}  // namespace
