@@ -1,0 +1,129 @@
+// Whole-stage benchmarks of the pipeline through its exported interface.
+//
+//   ol_bench --benchmark_filter=pipeline --benchmark_repetitions=5
+//            --benchmark_report_aggregates_only=true
+#include <benchmark/benchmark.h>
+
+#include <vector>
+
+#include "common/frame_gen.h"
+#include "frcnn/context.h"
+#include "frcnn/rpn_stage.h"
+
+namespace {
+
+using ol_test::hp;
+
+enum config_id { vgg16 = 0, mobile = 1 };
+
+frcnn_desc make_desc(int64_t config, int64_t threads, int64_t qsort, int64_t filter) {
+  frcnn_desc d = config == vgg16 ? ol_test::vgg16_desc(static_cast<uint8_t>(threads), qsort)
+                                 : ol_test::mobile_desc(static_cast<uint8_t>(threads), qsort);
+  d.is_filter_rpn_cls = filter;
+  d.rpn_cls_threshold = filter ? 0.05f : 0.0f;
+  return d;
+}
+
+struct pipeline {
+  std::vector<float> anchors = ol_test::base_anchors_9();
+  frcnn_desc desc;
+  void* h;
+  ol_test::rpn_frame frame;
+  std::vector<uint16_t> nms_out;
+  explicit pipeline(const frcnn_desc& d) : desc(d) {
+    h = opt_layers_instance_frcnn_init(&desc, anchors.data());
+    frame = ol_test::make_rpn_frame(desc, 42);
+    nms_out.resize(4 * desc.post_nms_num);
+  }
+  ~pipeline() { opt_layers_instance_frcnn_exit(h); }
+};
+
+void label(benchmark::State& state) {
+  state.SetLabel(std::string(state.range(0) == vgg16 ? "vgg16" : "mobile") +
+                 (state.range(2) ? " qsort" : " hist") + (state.range(3) ? " filter" : ""));
+}
+
+void args(benchmark::internal::Benchmark* b) {
+  for (int config : {vgg16, mobile})
+    for (int threads : {1, 2})
+      for (int qsort : {0, 1})
+        for (int filter : {0, 1}) b->Args({config, threads, qsort, filter});
+  b->Unit(benchmark::kMicrosecond)->UseRealTime();
+}
+
+void pipeline_prenms(benchmark::State& state) {
+  pipeline p(make_desc(state.range(0), state.range(1), state.range(2), state.range(3)));
+  for (auto _ : state) {
+    half_float::half* props = nullptr;
+    benchmark::DoNotOptimize(
+        opt_layers_instance_frcnn_prenms(p.h, hp(p.frame.cls), hp(p.frame.bbox), &props));
+  }
+  label(state);
+}
+BENCHMARK(pipeline_prenms)->Apply(args);
+
+void pipeline_prenms_nms(benchmark::State& state) {
+  pipeline p(make_desc(state.range(0), state.range(1), state.range(2), state.range(3)));
+  int rois = 0;
+  for (auto _ : state) {
+    rois = opt_layers_instance_frcnn_prenms_nms(p.h, hp(p.frame.cls), hp(p.frame.bbox),
+                                                hp(p.nms_out));
+    benchmark::DoNotOptimize(rois);
+  }
+  state.counters["rois"] = rois;
+  label(state);
+}
+BENCHMARK(pipeline_prenms_nms)->Apply(args);
+
+// Where the time of one proposal stage goes: each step alone on the VGG16
+// frame (histogram path, one worker).
+void pipeline_step(benchmark::State& state) {
+  pipeline p(make_desc(vgg16, 1, state.range(1), 0));
+  auto* ctx = static_cast<ol::frcnn_context*>(p.h);
+  const uint16_t* cls = reinterpret_cast<const uint16_t*>(p.frame.cls.data());
+  const uint16_t T = opt_layers_half::from_float_trunc(ctx->desc.rpn_cls_threshold);
+  uint32_t M = ol::rpn_score_filter(ctx, cls, T);
+  const uint32_t n = M < ctx->desc.pre_nms_num ? M : ctx->desc.pre_nms_num;
+  for (auto _ : state) {
+    switch (state.range(0)) {
+      case 0:
+        M = ol::rpn_score_filter(ctx, cls, T);
+        break;
+      case 1:
+        ol::rpn_sort(&ctx->hist, ctx->rpn_cls_nopitch, ctx->desc.pre_nms_num, ctx->order_buf, M,
+                     ctx->desc.is_use_qsort);
+        break;
+      case 2:
+        benchmark::DoNotOptimize(ol::rpn_decode(ctx, p.frame.bbox.data(), n, M));
+        break;
+    }
+  }
+  static const char* names[] = {"filter", "sort", "decode"};
+  state.SetLabel(std::string(names[state.range(0)]) + (state.range(1) ? " qsort" : " hist"));
+}
+BENCHMARK(pipeline_step)
+    ->Args({0, 0})
+    ->Args({1, 0})
+    ->Args({1, 1})
+    ->Args({2, 0})
+    ->Unit(benchmark::kMicrosecond)
+    ->UseRealTime();
+
+void pipeline_init_exit(benchmark::State& state) {
+  std::vector<float> anchors = ol_test::base_anchors_9();
+  frcnn_desc d = ol_test::vgg16_desc(static_cast<uint8_t>(state.range(1)), state.range(0));
+  for (auto _ : state) {
+    void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
+    opt_layers_instance_frcnn_exit(h);
+  }
+  state.SetLabel(state.range(0) ? "qsort" : "hist");
+}
+BENCHMARK(pipeline_init_exit)
+    ->Args({0, 1})
+    ->Args({1, 1})
+    ->Args({0, 2})
+    ->Args({1, 2})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
+}  // namespace
