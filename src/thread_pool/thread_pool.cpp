@@ -111,6 +111,12 @@ void simple_queue_put_reserved(simple_queue* q, void* item) {
   pthread_mutex_unlock(&q->mutex);
 }
 
+void simple_queue_unreserve(simple_queue* q) {
+  pthread_mutex_lock(&q->mutex);
+  --q->reserved;
+  pthread_mutex_unlock(&q->mutex);
+}
+
 void* simple_queue_take(simple_queue* q) {
   pthread_mutex_lock(&q->mutex);
   while (q->size == 0) pthread_cond_wait(&q->not_empty, &q->mutex);
@@ -134,16 +140,18 @@ void* simple_queue_take(simple_queue* q) {
 namespace {
 
 // Stops `running` workers: sets shutdown, queues one stop item per worker
-// and joins them in index order.
+// (on the nodes set aside at create, so this cannot fail for lack of
+// memory) and joins them in index order.
 void stop_workers(thread_pool* pool, uint32_t running) {
   pool->shutdown.store(1, std::memory_order_release);
-  for (uint32_t i = 0; i < running; ++i) {
-    // A stop item that cannot be queued would leave a worker blocked for
-    // ever; keep trying (a node is freed as soon as any queued item is taken).
-    while (simple_queue_put(pool->task_queue, nullptr) != 0) {
-    }
-  }
+  for (uint32_t i = 0; i < running; ++i) simple_queue_put_reserved(pool->task_queue, nullptr);
   for (uint32_t i = 0; i < running; ++i) pthread_join(pool->threads[i], nullptr);
+}
+
+void free_pool(thread_pool* pool) {
+  simple_queue_destroy(pool->task_queue);
+  simple_queue_destroy(pool->done_queue);
+  ol_free(pool);
 }
 
 bool pool_usable(const thread_pool* pool) {
@@ -190,12 +198,19 @@ thread_pool* thread_pool_create(uint32_t thread_count) {
   pool->task_queue = simple_queue_create();
   pool->done_queue = pool->task_queue ? simple_queue_create() : nullptr;
   if (pool->task_queue == nullptr || pool->done_queue == nullptr) {
-    simple_queue_destroy(pool->task_queue);
-    ol_free(pool);
+    free_pool(pool);
     return nullptr;
   }
-  // Workers get a small fixed stack: whatever the platform default is, the
-  // stages keep their large scratch in the context.
+  // One node per worker for its stop item, so that destroy never allocates.
+  for (uint32_t i = 0; i < thread_count; ++i) {
+    if (simple_queue_reserve(pool->task_queue) != 0) {
+      free_pool(pool);
+      return nullptr;
+    }
+  }
+  // Workers get a small fixed stack whatever the platform default is: the
+  // stages keep their large scratch in the context. Should the size be
+  // refused, the default stack is used.
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   pthread_attr_setstacksize(&attr, k_worker_stack_bytes);
@@ -204,9 +219,7 @@ thread_pool* thread_pool_create(uint32_t thread_count) {
       puts("fatal: pthread_create fail");
       pthread_attr_destroy(&attr);
       stop_workers(pool, i);
-      simple_queue_destroy(pool->task_queue);
-      simple_queue_destroy(pool->done_queue);
-      ol_free(pool);
+      free_pool(pool);
       return nullptr;
     }
   }
@@ -216,7 +229,9 @@ thread_pool* thread_pool_create(uint32_t thread_count) {
 }
 
 int thread_pool_add_task(thread_pool* pool, thread_task* task) {
-  if (!pool_usable(pool)) {
+  // A NULL task is refused: queued, it would be taken for a stop item and
+  // end a worker.
+  if (!pool_usable(pool) || task == nullptr) {
     puts("error: invalid params");
     return -1;
   }
@@ -225,9 +240,7 @@ int thread_pool_add_task(thread_pool* pool, thread_task* task) {
   // refused instead.
   if (simple_queue_reserve(pool->done_queue) != 0) return -1;
   if (simple_queue_put(pool->task_queue, task) != 0) {
-    pthread_mutex_lock(&pool->done_queue->mutex);
-    --pool->done_queue->reserved;
-    pthread_mutex_unlock(&pool->done_queue->mutex);
+    simple_queue_unreserve(pool->done_queue);
     return -1;
   }
   return 0;
@@ -247,9 +260,7 @@ void thread_pool_destroy(thread_pool* pool) {
     stop_workers(pool, pool->thread_count);
     pool->started = 0;
   }
-  simple_queue_destroy(pool->task_queue);
-  simple_queue_destroy(pool->done_queue);
-  ol_free(pool);
+  free_pool(pool);
 }
 
 }  // namespace ol
