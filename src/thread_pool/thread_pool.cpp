@@ -117,6 +117,21 @@ void simple_queue_unreserve(simple_queue* q) {
   pthread_mutex_unlock(&q->mutex);
 }
 
+int simple_queue_grow(simple_queue* q, uint32_t count) {
+  pthread_mutex_lock(&q->mutex);
+  while (q->free_count - q->reserved < count) {
+    simple_node* node = static_cast<simple_node*>(ol_malloc(sizeof(simple_node)));
+    if (node == nullptr) {
+      puts("fatal: no memory for simple node");
+      pthread_mutex_unlock(&q->mutex);
+      return -1;
+    }
+    push_free(q, node);
+  }
+  pthread_mutex_unlock(&q->mutex);
+  return 0;
+}
+
 void* simple_queue_take(simple_queue* q) {
   pthread_mutex_lock(&q->mutex);
   while (q->size == 0) pthread_cond_wait(&q->not_empty, &q->mutex);
@@ -252,6 +267,17 @@ thread_task* thread_pool_wait(thread_pool* pool) {
     return nullptr;
   }
   return static_cast<thread_task*>(simple_queue_take(pool->done_queue));
+}
+
+int thread_pool_prepare(thread_pool* pool, uint32_t tasks) {
+  if (!pool_usable(pool)) {
+    puts("error: invalid params");
+    return -1;
+  }
+  // A batch holds one done node per task from submission on, and at most
+  // one task node per task.
+  if (simple_queue_grow(pool->done_queue, tasks) != 0) return -1;
+  return simple_queue_grow(pool->task_queue, tasks);
 }
 
 void thread_pool_destroy(thread_pool* pool) {

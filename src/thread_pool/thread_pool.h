@@ -48,6 +48,9 @@ void simple_queue_put_reserved(simple_queue* queue, void* item);
 // Gives back a node set aside by simple_queue_reserve and not used; it stays
 // on the free list for later puts.
 void simple_queue_unreserve(simple_queue* queue);
+// Allocates free nodes until `count` puts can follow without allocating;
+// 0, or -1 ("fatal: no memory for simple node").
+int simple_queue_grow(simple_queue* queue, uint32_t count);
 
 struct thread_task {
   int32_t (*func)(void* arg);
@@ -78,6 +81,10 @@ thread_pool* thread_pool_create(uint32_t thread_count);
 // thread_pool_wait.
 int thread_pool_add_task(thread_pool* pool, thread_task* task);
 thread_task* thread_pool_wait(thread_pool* pool);
+// Grows both queues so that batches of up to `tasks` tasks never allocate
+// (otherwise they grow, batch by batch, to the most tasks ever in flight).
+// 0, or -1 ("error: invalid params", "fatal: no memory for simple node").
+int thread_pool_prepare(thread_pool* pool, uint32_t tasks);
 void thread_pool_destroy(thread_pool* pool);
 void* thread_pool_worker(void* pool);
 

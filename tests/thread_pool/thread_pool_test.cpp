@@ -277,19 +277,6 @@ struct gate {
   }
 };
 
-// The queues grow to the largest number of items they have held at once.
-// Runs a batch while every worker is held, so that both queues reach the
-// size a batch of this length can ever need.
-void warm_up(thread_pool* pool, std::vector<record>& recs) {
-  gate g(pool->thread_count);
-  g.hold(pool);
-  for (auto& r : recs) ASSERT_EQ(ol::thread_pool_add_task(pool, &r.task), 0);
-  g.open.store(1);
-  for (size_t i = 0; i < recs.size() + g.tasks.size(); ++i) ol::thread_pool_wait(pool);
-}
-
-
-
 // Long runs of small batches, as the pipeline does per frame: nothing is
 // lost or run twice, and once warm the pool allocates nothing.
 TEST(thread_pool, many_batches) {
@@ -299,7 +286,7 @@ TEST(thread_pool, many_batches) {
       ASSERT_NE(pool, nullptr);
       std::vector<record> recs(batch);
       init_records(recs);
-      warm_up(pool, recs);
+      ASSERT_EQ(ol::thread_pool_prepare(pool, batch), 0);
       alloc_failer counter;  // fails nothing, counts
       counter.install();
       const uint32_t rounds = (100000 + batch - 1) / batch;
@@ -322,6 +309,42 @@ TEST(thread_pool, many_batches) {
       ol::thread_pool_destroy(pool);
     }
   }
+}
+
+// After prepare(n), a batch of n allocates nothing even in the worst case:
+// all n queued while every worker is busy.
+TEST(thread_pool, prepared_pool_does_not_allocate) {
+  thread_pool* pool = ol::thread_pool_create(2);
+  ASSERT_NE(pool, nullptr);
+  std::vector<record> recs(300);
+  init_records(recs);
+  gate g(2);
+  // The gate tasks are part of the batch.
+  ASSERT_EQ(ol::thread_pool_prepare(pool, 302), 0);
+  alloc_failer all;
+  all.fail_from = 0;
+  all.fail_to = 1 << 30;
+  all.install();
+  g.hold(pool);
+  for (auto& r : recs) ASSERT_EQ(ol::thread_pool_add_task(pool, &r.task), 0);
+  g.open.store(1);
+  for (int i = 0; i < 302; ++i) ASSERT_NE(ol::thread_pool_wait(pool), nullptr);
+  ol::set_alloc_hooks(nullptr);
+  EXPECT_EQ(all.count, 0);
+  for (auto& r : recs) EXPECT_EQ(r.runs.load(), 1);
+  // Growing again to a size already reached allocates nothing.
+  all.install();
+  EXPECT_EQ(ol::thread_pool_prepare(pool, 302), 0);
+  ol::set_alloc_hooks(nullptr);
+  {
+    ol_test::stdout_capture cap;
+    EXPECT_EQ(ol::thread_pool_prepare(nullptr, 1), -1);
+    all.install();
+    EXPECT_EQ(ol::thread_pool_prepare(pool, 303), -1);
+    ol::set_alloc_hooks(nullptr);
+    EXPECT_EQ(cap.end(), "error: invalid params\nfatal: no memory for simple node\n");
+  }
+  ol::thread_pool_destroy(pool);
 }
 
 TEST(thread_pool, bad_params) {
@@ -420,8 +443,7 @@ TEST(thread_pool, add_task_allocation_failures) {
   EXPECT_EQ(reserved_nodes(pool->task_queue), 1u);  // the stop node
 
   // Later batches work, also with every allocation failing once warm.
-  init_records(recs);
-  warm_up(pool, recs);
+  ASSERT_EQ(ol::thread_pool_prepare(pool, 6), 0);
   alloc_failer all;
   all.fail_from = 0;
   all.fail_to = 1 << 30;
