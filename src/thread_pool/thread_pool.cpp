@@ -111,6 +111,27 @@ void simple_queue_put_reserved(simple_queue* q, void* item) {
   pthread_mutex_unlock(&q->mutex);
 }
 
+void simple_queue_unreserve(simple_queue* q) {
+  pthread_mutex_lock(&q->mutex);
+  --q->reserved;
+  pthread_mutex_unlock(&q->mutex);
+}
+
+int simple_queue_grow(simple_queue* q, uint32_t count) {
+  pthread_mutex_lock(&q->mutex);
+  while (q->free_count - q->reserved < count) {
+    simple_node* node = static_cast<simple_node*>(ol_malloc(sizeof(simple_node)));
+    if (node == nullptr) {
+      puts("fatal: no memory for simple node");
+      pthread_mutex_unlock(&q->mutex);
+      return -1;
+    }
+    push_free(q, node);
+  }
+  pthread_mutex_unlock(&q->mutex);
+  return 0;
+}
+
 void* simple_queue_take(simple_queue* q) {
   pthread_mutex_lock(&q->mutex);
   while (q->size == 0) pthread_cond_wait(&q->not_empty, &q->mutex);
@@ -134,16 +155,18 @@ void* simple_queue_take(simple_queue* q) {
 namespace {
 
 // Stops `running` workers: sets shutdown, queues one stop item per worker
-// and joins them in index order.
+// (on the nodes set aside at create, so this cannot fail for lack of
+// memory) and joins them in index order.
 void stop_workers(thread_pool* pool, uint32_t running) {
   pool->shutdown.store(1, std::memory_order_release);
-  for (uint32_t i = 0; i < running; ++i) {
-    // A stop item that cannot be queued would leave a worker blocked for
-    // ever; keep trying (a node is freed as soon as any queued item is taken).
-    while (simple_queue_put(pool->task_queue, nullptr) != 0) {
-    }
-  }
+  for (uint32_t i = 0; i < running; ++i) simple_queue_put_reserved(pool->task_queue, nullptr);
   for (uint32_t i = 0; i < running; ++i) pthread_join(pool->threads[i], nullptr);
+}
+
+void free_pool(thread_pool* pool) {
+  simple_queue_destroy(pool->task_queue);
+  simple_queue_destroy(pool->done_queue);
+  ol_free(pool);
 }
 
 bool pool_usable(const thread_pool* pool) {
@@ -190,12 +213,19 @@ thread_pool* thread_pool_create(uint32_t thread_count) {
   pool->task_queue = simple_queue_create();
   pool->done_queue = pool->task_queue ? simple_queue_create() : nullptr;
   if (pool->task_queue == nullptr || pool->done_queue == nullptr) {
-    simple_queue_destroy(pool->task_queue);
-    ol_free(pool);
+    free_pool(pool);
     return nullptr;
   }
-  // Workers get a small fixed stack: whatever the platform default is, the
-  // stages keep their large scratch in the context.
+  // One node per worker for its stop item, so that destroy never allocates.
+  for (uint32_t i = 0; i < thread_count; ++i) {
+    if (simple_queue_reserve(pool->task_queue) != 0) {
+      free_pool(pool);
+      return nullptr;
+    }
+  }
+  // Workers get a small fixed stack whatever the platform default is: the
+  // stages keep their large scratch in the context. Should the size be
+  // refused, the default stack is used.
   pthread_attr_t attr;
   pthread_attr_init(&attr);
   pthread_attr_setstacksize(&attr, k_worker_stack_bytes);
@@ -204,9 +234,7 @@ thread_pool* thread_pool_create(uint32_t thread_count) {
       puts("fatal: pthread_create fail");
       pthread_attr_destroy(&attr);
       stop_workers(pool, i);
-      simple_queue_destroy(pool->task_queue);
-      simple_queue_destroy(pool->done_queue);
-      ol_free(pool);
+      free_pool(pool);
       return nullptr;
     }
   }
@@ -216,7 +244,9 @@ thread_pool* thread_pool_create(uint32_t thread_count) {
 }
 
 int thread_pool_add_task(thread_pool* pool, thread_task* task) {
-  if (!pool_usable(pool)) {
+  // A NULL task is refused: queued, it would be taken for a stop item and
+  // end a worker.
+  if (!pool_usable(pool) || task == nullptr) {
     puts("error: invalid params");
     return -1;
   }
@@ -225,9 +255,7 @@ int thread_pool_add_task(thread_pool* pool, thread_task* task) {
   // refused instead.
   if (simple_queue_reserve(pool->done_queue) != 0) return -1;
   if (simple_queue_put(pool->task_queue, task) != 0) {
-    pthread_mutex_lock(&pool->done_queue->mutex);
-    --pool->done_queue->reserved;
-    pthread_mutex_unlock(&pool->done_queue->mutex);
+    simple_queue_unreserve(pool->done_queue);
     return -1;
   }
   return 0;
@@ -241,15 +269,24 @@ thread_task* thread_pool_wait(thread_pool* pool) {
   return static_cast<thread_task*>(simple_queue_take(pool->done_queue));
 }
 
+int thread_pool_prepare(thread_pool* pool, uint32_t tasks) {
+  if (!pool_usable(pool)) {
+    puts("error: invalid params");
+    return -1;
+  }
+  // A batch holds one done node per task from submission on, and at most
+  // one task node per task.
+  if (simple_queue_grow(pool->done_queue, tasks) != 0) return -1;
+  return simple_queue_grow(pool->task_queue, tasks);
+}
+
 void thread_pool_destroy(thread_pool* pool) {
   if (pool == nullptr) return;
   if (pool->started == 1) {
     stop_workers(pool, pool->thread_count);
     pool->started = 0;
   }
-  simple_queue_destroy(pool->task_queue);
-  simple_queue_destroy(pool->done_queue);
-  ol_free(pool);
+  free_pool(pool);
 }
 
 }  // namespace ol

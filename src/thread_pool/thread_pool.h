@@ -45,6 +45,12 @@ void* simple_queue_take(simple_queue* queue);
 int simple_queue_reserve(simple_queue* queue);
 // A put that uses a node set aside by simple_queue_reserve; never fails.
 void simple_queue_put_reserved(simple_queue* queue, void* item);
+// Gives back a node set aside by simple_queue_reserve and not used; it stays
+// on the free list for later puts.
+void simple_queue_unreserve(simple_queue* queue);
+// Allocates free nodes until `count` puts can follow without allocating;
+// 0, or -1 ("fatal: no memory for simple node").
+int simple_queue_grow(simple_queue* queue, uint32_t count);
 
 struct thread_task {
   int32_t (*func)(void* arg);
@@ -57,6 +63,8 @@ constexpr uint32_t k_thread_pool_max = 32;
 // workers need little stack.
 constexpr size_t k_worker_stack_bytes = 256 * 1024;
 
+// task_queue keeps thread_count free nodes reserved for the stop items of
+// thread_pool_destroy, so stopping the workers never needs memory.
 struct thread_pool {
   simple_queue* task_queue;
   simple_queue* done_queue;
@@ -67,10 +75,16 @@ struct thread_pool {
 };
 
 thread_pool* thread_pool_create(uint32_t thread_count);
-// 0 when accepted, -1 when refused ("error: invalid params" for a bad pool).
-// An accepted task is guaranteed to come back through thread_pool_wait.
+// 0 when accepted, -1 when refused ("error: invalid params" for a bad pool
+// or a NULL task; "fatal: no memory for simple node" when no queue node can
+// be had). An accepted task is guaranteed to come back through
+// thread_pool_wait.
 int thread_pool_add_task(thread_pool* pool, thread_task* task);
 thread_task* thread_pool_wait(thread_pool* pool);
+// Grows both queues so that batches of up to `tasks` tasks never allocate
+// (otherwise they grow, batch by batch, to the most tasks ever in flight).
+// 0, or -1 ("error: invalid params", "fatal: no memory for simple node").
+int thread_pool_prepare(thread_pool* pool, uint32_t tasks);
 void thread_pool_destroy(thread_pool* pool);
 void* thread_pool_worker(void* pool);
 
