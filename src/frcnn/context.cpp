@@ -106,6 +106,13 @@ bool alloc_buffers(frcnn_context* ctx, const float* base_anchors) {
                   "malloc for anchors err"))
     return false;
 
+  // Queue nodes for the largest batch a frame submits (one task per anchor,
+  // per ROI, or ten), so that frames never allocate them. A failure here is
+  // tolerated: batches then grow the queues on demand.
+  uint64_t batch = head_rois > A ? head_rois : A;
+  if (batch < k_class_nms_tasks) batch = k_class_nms_tasks;
+  thread_pool_prepare(ctx->pool, static_cast<uint32_t>(batch));
+
   if (d.is_use_qsort) return true;
   return alloc_hist(ctx, N);
 }
