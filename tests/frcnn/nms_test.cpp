@@ -85,16 +85,30 @@ void expect_like_twin(nms_fn fn, std::vector<uint16_t>& in, int count, float thr
   ASSERT_EQ(want, got) << "count " << count << " thr " << thr << " max_out " << max_out;
 }
 
+// Small integer boxes on a small grid: many boxes that just touch (w or
+// h exactly 0 or 1) and IoUs exactly at the threshold (the strict test).
+std::vector<uint16_t> make_grid_boxes(ol_test::rng& rng, int n) {
+  std::vector<uint16_t> v;
+  for (int i = 0; i < n; ++i) {
+    const int x1 = rng.range(0, 24), y1 = rng.range(0, 24);
+    const float rec[5] = {float(x1), float(y1), float(x1 + rng.range(-1, 9)),
+                          float(y1 + rng.range(-1, 9)), 0.5f};
+    for (float x : rec) v.push_back(h(x));
+  }
+  return v;
+}
+
 TEST(Nms, MatchesTwinOnRandomSets) {
   ol_test::rng rng(5);
-  const float thresholds[] = {0.0f, 0.3f, 0.5f, 0.7f, 0.7f, 0.9f, 1.0f};
+  const float thresholds[] = {-0.5f, 0.0f, 0.3f, 0.5f, 0.7f, 0.7f, 0.9f, 1.0f};
   const nms_fn fns[] = {call_nms, call_kernel, call_nms_no_heap};
   for (int iter = 0; iter < 240; ++iter) {
-    const int n = iter % 8 == 0 ? rng.range(510, 1200) : rng.range(1, 200);
-    std::vector<uint16_t> in = make_boxes(rng, n, rng.range(1, 40), iter % 2 == 0);
-    const float thr = iter % 5 == 0 ? rng.uniform(0, 1) : thresholds[rng.range(0, 6)];
+    const int n = iter % 4 == 0 ? rng.range(510, 1200) : rng.range(1, 200);
+    std::vector<uint16_t> in = iter % 3 == 2 ? make_grid_boxes(rng, n)
+                                             : make_boxes(rng, n, rng.range(1, 40), iter % 2 == 0);
+    const float thr = iter % 5 == 0 ? rng.uniform(0, 1) : thresholds[rng.range(0, 7)];
     const int max_out = rng.range(1, n + 4);
-    expect_like_twin(fns[iter % 3], in, n, thr, max_out);
+    expect_like_twin(fns[(iter / 2) % 3], in, n, thr, max_out);
   }
 }
 
@@ -120,9 +134,21 @@ std::vector<uint16_t> records(std::initializer_list<std::initializer_list<float>
   return v;
 }
 
-int kept(std::vector<uint16_t> in, float thr, int max_out = 8) {
-  std::vector<uint16_t> out(static_cast<size_t>(max_out) * 4);
-  return call_nms(out.data(), in.data(), static_cast<int>(in.size() / 5), thr, max_out);
+// Number of boxes kept; the same on all three paths (stack scratch, the
+// kernel on caller scratch, the scratch-free path, reached through 600
+// extra disjoint boxes and a refusing heap).
+int kept(std::vector<uint16_t> in, float thr) {
+  const int n = static_cast<int>(in.size() / 5), pad = 600;
+  std::vector<uint16_t> out(static_cast<size_t>(n + pad) * 4);
+  const int on_stack = call_nms(out.data(), in.data(), n, thr, n);
+  EXPECT_EQ(on_stack, call_kernel(out.data(), in.data(), n, thr, n));
+  for (int i = 0; i < pad; ++i) {
+    const float x = 1000.0f + 20.0f * i;
+    const float rec[5] = {x, 0, x + 9, 9, 0.5f};
+    for (float v : rec) in.push_back(h(v));
+  }
+  EXPECT_EQ(on_stack + pad, call_nms_no_heap(out.data(), in.data(), n + pad, thr, n + pad));
+  return on_stack;
 }
 
 TEST(Nms, InclusiveSizesAndStrictTest) {
@@ -137,6 +163,13 @@ TEST(Nms, InclusiveSizesAndStrictTest) {
   // x1 = 11: w = 0, no overlap even at threshold 0; likewise vertically.
   EXPECT_EQ(2, kept(records({{0, 0, 10, 10}, {11, 0, 20, 10}}), 0.0f));
   EXPECT_EQ(2, kept(records({{0, 0, 10, 10}, {0, 11, 10, 20}}), 0.0f));
+  // A negative threshold suppresses anything with w > 0 and h > 0, but the
+  // w <= 0 and h <= 0 checks still keep touching boxes.
+  EXPECT_EQ(1, kept(records({{0, 0, 10, 10}, {10, 0, 20, 10}}), -1.0f));
+  EXPECT_EQ(2, kept(records({{0, 0, 10, 10}, {11, 0, 20, 10}}), -1.0f));
+  EXPECT_EQ(2, kept(records({{0, 0, 10, 10}, {0, 11, 10, 20}}), -1.0f));
+  // A NaN threshold suppresses nothing.
+  EXPECT_EQ(2, kept(records({{0, 0, 10, 10}, {0, 0, 10, 10}}), ol_test::f(0x7E00)));
 }
 
 TEST(Nms, KeepsInputOrderAndStopsAtMaxOut) {

@@ -62,7 +62,10 @@ TEST(RoiPooling, MatchesTwinOnRandomInputs) {
       boxes.push_back(h(static_cast<float>(rng.range(-extent / 2 - 40, extent * 3 / 2 + 40)) +
                         rng.uniform(0.0f, 1.0f)));
     }
-    expect_same(iter % 2, boxes, m, roi_num, rng.range(1, 12), rng.range(1, 12), scale);
+    // Mostly a few bins; sometimes many more bins than cells, where the
+    // rounding of the fixed-point bin ends decides whether a bin is empty.
+    const int max_bins = iter % 10 == 0 ? 300 : 12;
+    expect_same(iter % 2, boxes, m, roi_num, rng.range(1, max_bins), rng.range(1, max_bins), scale);
   }
 }
 
@@ -149,16 +152,22 @@ TEST(RoiPooling, BoxesOutsideTheMapGiveEmptyBins) {
   }
 }
 
-// pool_w up to 128 * roi_w on a box inside the map: no bin is empty.
-TEST(RoiPooling, MoreBinsThanColumnsStillCoverAColumn) {
+// Up to 128 bins per cell on a box inside the map: no bin is empty (each
+// bin end is rounded up). Beyond that, bins start to come out empty.
+TEST(RoiPooling, MoreBinsThanCellsStillCoverACell) {
   map16 m(2, 3, 16);
   for (auto& e : m.data) e = 7;
   std::vector<uint16_t> box = {h(0), h(0), h(20), h(7)};  // cells 0..1 by 0..0
-  for (int pool_w : {3, 17, 100, 256}) {
-    std::vector<uint16_t> out(static_cast<size_t>(pool_w) * 16, k_poison);
-    roi_pooling(as_half(box), m.data.data(), out.data(), 1, pool_w, 1, 0, 16, 0, 2, 3, 16);
-    for (uint16_t e : out) ASSERT_EQ(7, e) << pool_w;
+  for (int bins : {3, 17, 100, 127, 128}) {
+    std::vector<uint16_t> out(static_cast<size_t>(bins) * 2 * 16, k_poison);
+    roi_pooling(as_half(box), m.data.data(), out.data(), 1, 2 * bins, 1, 0, 16, 0, 2, 3, 16);
+    for (uint16_t e : out) ASSERT_EQ(7, e) << bins;
+    roi_pooling(as_half(box), m.data.data(), out.data(), 1, 1, bins, 0, 16, 0, 2, 3, 16);
+    for (int k = 0; k < bins * 16; ++k) ASSERT_EQ(7, out[k]) << bins;
   }
+  std::vector<uint16_t> out(129 * 16, k_poison);
+  roi_pooling(as_half(box), m.data.data(), out.data(), 1, 1, 129, 0, 16, 0, 2, 3, 16);
+  EXPECT_EQ(0, out[128 * 16]);  // bin_h = 128 / 129 = 0: empty
 }
 
 // The pooling stage's calling pattern with 40 channels: one box per call,
