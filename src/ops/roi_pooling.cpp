@@ -11,7 +11,6 @@
 // umax / smax on aarch64), written once with GCC vector extensions.
 #include <stddef.h>
 #include <stdint.h>
-#include <string.h>
 
 #include "brennik_opt_layers.h"
 #include "common/box.h"
@@ -25,17 +24,23 @@ typedef int16_t i16x8 __attribute__((vector_size(16)));
 // Lanes per map position (one channel block).
 constexpr int k_block = 16;
 
-template <typename V>
-inline V load8(const uint16_t* p) {
-  V v;
-  memcpy(&v, p, sizeof v);
-  return v;
-}
+// Unaligned, aliasing views of the map and the output as vectors. (A
+// memcpy store of a vector makes aarch64 GCC go through general registers.)
+typedef uint16_t u16x8_mem __attribute__((vector_size(16), aligned(2), may_alias));
+typedef int16_t i16x8_mem __attribute__((vector_size(16), aligned(2), may_alias));
 
 template <typename V>
-inline void store8(uint16_t* p, V v) {
-  memcpy(p, &v, sizeof v);
+inline V load8(const uint16_t* p);
+template <>
+inline u16x8 load8<u16x8>(const uint16_t* p) {
+  return *reinterpret_cast<const u16x8_mem*>(p);
 }
+template <>
+inline i16x8 load8<i16x8>(const uint16_t* p) {
+  return *reinterpret_cast<const i16x8_mem*>(p);
+}
+inline void store8(uint16_t* p, u16x8 v) { *reinterpret_cast<u16x8_mem*>(p) = v; }
+inline void store8(uint16_t* p, i16x8 v) { *reinterpret_cast<i16x8_mem*>(p) = v; }
 
 // Lane-wise maximum; the lane type (unsigned or signed 16-bit) chooses the
 // comparison.
@@ -89,18 +94,82 @@ inline void pool_cell(const uint16_t* block, int fmap_w, int hs, int he, int ws,
     const size_t row_elems = static_cast<size_t>(fmap_w) * k_block;
     const uint16_t* row = block + static_cast<size_t>(hs) * row_elems +
                           static_cast<size_t>(ws) * k_block;
-    const int cols = we - ws;
+    const size_t row_span = static_cast<size_t>(we - ws) * k_block;
     for (int y = hs; y < he; ++y, row += row_elems) {
-      const uint16_t* p = row;
-      for (int x = 0; x < cols; ++x, p += k_block) {
-        lo = vmax(lo, load8<V>(p));
-        hi = vmax(hi, load8<V>(p + 8));
+      for (size_t i = 0; i < row_span; i += k_block) {
+        lo = vmax(lo, load8<V>(row + i));
+        hi = vmax(hi, load8<V>(row + i + 8));
       }
     }
   }
   store8(out, lo);
   store8(out + 8, hi);
 }
+
+// Where a box lies on the map: its first cell and its bin sizes in 1/128
+// cell.
+struct box_bins {
+  int16_t start_w;
+  int16_t start_h;
+  int32_t bin_w;
+  int32_t bin_h;
+};
+
+inline box_bins box_to_bins(const uint16_t* b, int fmap_scale, int pool_w, int pool_h) {
+  // Map cells of the box edges: (s + 8) / fmap_scale, truncating; s + 8
+  // always fits in 32 bits and the quotient is reduced to 16 bits.
+  const int16_t start_w = wrap16((coord_to_s16(b[0]) + 8) / fmap_scale);
+  const int16_t start_h = wrap16((coord_to_s16(b[1]) + 8) / fmap_scale);
+  const int16_t end_w = wrap16((coord_to_s16(b[2]) + 8) / fmap_scale);
+  const int16_t end_h = wrap16((coord_to_s16(b[3]) + 8) / fmap_scale);
+
+  // Inclusive sizes in 16-bit arithmetic, at least one cell.
+  int16_t roi_w = wrap16(end_w - start_w + 1);
+  int16_t roi_h = wrap16(end_h - start_h + 1);
+  if (roi_w < 1) roi_w = 1;
+  if (roi_h < 1) roi_h = 1;
+
+  // Bin sizes in 1/128 cell. p * bin + bin + 127 stays below
+  // roi * 128 + 128 for every bin p, well inside 32 bits.
+  return box_bins{start_w, start_h, (static_cast<int32_t>(roi_w) * 128) / pool_w,
+                  (static_cast<int32_t>(roi_h) * 128) / pool_h};
+}
+
+// Bounds [first, end) of bin p along one axis: floor of the bin's start,
+// ceiling of its end, in 16-bit arithmetic, clamped to 0..n.
+inline void bin_bounds(int16_t start, int32_t bin, int p, int n, int* first, int* end) {
+  const int32_t edge = p * bin;
+  *first = clamp_bound(wrap16(start + (edge >> 7)), n);
+  *end = clamp_bound(wrap16(start + ((edge + bin + 127) >> 7)), n);
+}
+
+// Bin columns handled per pass: their bounds are computed once and reused by
+// every bin row.
+constexpr int k_col_chunk = 16;
+
+// The pool_h x pool_w cells of one box in one channel block.
+template <typename V>
+void pool_block(const box_bins& bb, const uint16_t* block, uint16_t* out, int pool_w, int pool_h,
+                int fmap_h, int fmap_w, V init) {
+  int ws[k_col_chunk], we[k_col_chunk];
+  for (int pw0 = 0; pw0 < pool_w; pw0 += k_col_chunk) {
+    const int n = pool_w - pw0 < k_col_chunk ? pool_w - pw0 : k_col_chunk;
+    for (int k = 0; k < n; ++k) bin_bounds(bb.start_w, bb.bin_w, pw0 + k, fmap_w, &ws[k], &we[k]);
+    for (int ph = 0; ph < pool_h; ++ph) {
+      int hs, he;
+      bin_bounds(bb.start_h, bb.bin_h, ph, fmap_h, &hs, &he);
+      uint16_t* o = out + (static_cast<size_t>(ph) * pool_w + pw0) * k_block;
+      for (int k = 0; k < n; ++k, o += k_block)
+        pool_cell<V>(block, fmap_w, hs, he, ws[k], we[k], init, o);
+    }
+  }
+}
+
+// Boxes are taken in groups; within a group the channel block is the outer
+// loop, so one block of the map (fmap_h * fmap_w * 32 bytes) serves every
+// box of the group while it is in cache. Cells are independent, so the
+// order does not change any result.
+constexpr int k_box_group = 64;
 
 // The shared algorithm; V is u16x8 for roi_pooling and i16x8 for
 // roi_pooling_sign, `init` the matching empty-bin value in every lane.
@@ -118,44 +187,21 @@ int roi_pool(const uint16_t* proposal, const uint16_t* fmap, uint16_t* roi_resul
   if (fmap_w < 0) fmap_w = 0;
 
   const size_t block_elems = static_cast<size_t>(fmap_h) * static_cast<size_t>(fmap_w) * k_block;
-  const size_t box_elems =
-      static_cast<size_t>(blocks) * static_cast<size_t>(pool_h) * static_cast<size_t>(pool_w) *
-      k_block;
+  const size_t cell_elems = static_cast<size_t>(pool_h) * static_cast<size_t>(pool_w) * k_block;
+  const size_t box_elems = static_cast<size_t>(blocks) * cell_elems;
 
-  for (int r = 0; r < roi_num; ++r) {
-    const uint16_t* b = proposal + static_cast<size_t>(r) * 4;
-    // Map cells of the box edges: (s + 8) / fmap_scale, truncating; s + 8
-    // always fits in 32 bits and the quotient is reduced to 16 bits.
-    const int16_t start_w = wrap16((coord_to_s16(b[0]) + 8) / fmap_scale);
-    const int16_t start_h = wrap16((coord_to_s16(b[1]) + 8) / fmap_scale);
-    const int16_t end_w = wrap16((coord_to_s16(b[2]) + 8) / fmap_scale);
-    const int16_t end_h = wrap16((coord_to_s16(b[3]) + 8) / fmap_scale);
-
-    // Inclusive sizes in 16-bit arithmetic, at least one cell.
-    int16_t roi_w = wrap16(end_w - start_w + 1);
-    int16_t roi_h = wrap16(end_h - start_h + 1);
-    if (roi_w < 1) roi_w = 1;
-    if (roi_h < 1) roi_h = 1;
-
-    // Bin sizes in 1/128 cell. ph * bin_h + bin_h + 127 stays below
-    // roi_h * 128 + 128, well inside 32 bits.
-    const int32_t bin_w = (static_cast<int32_t>(roi_w) * 128) / pool_w;
-    const int32_t bin_h = (static_cast<int32_t>(roi_h) * 128) / pool_h;
-
-    uint16_t* out = roi_result + static_cast<size_t>(r) * box_elems;
+  box_bins bins[k_box_group];
+  for (int first = 0; first < roi_num; first += k_box_group) {
+    const int n = roi_num - first < k_box_group ? roi_num - first : k_box_group;
+    for (int i = 0; i < n; ++i)
+      bins[i] = box_to_bins(proposal + static_cast<size_t>(first + i) * 4, fmap_scale, pool_w,
+                            pool_h);
     for (int g = 0; g < blocks; ++g) {
       const uint16_t* block = fmap + static_cast<size_t>(g) * block_elems;
-      for (int ph = 0; ph < pool_h; ++ph) {
-        const int32_t h0 = ph * bin_h;
-        const int hs = clamp_bound(wrap16(start_h + (h0 >> 7)), fmap_h);
-        const int he = clamp_bound(wrap16(start_h + ((h0 + bin_h + 127) >> 7)), fmap_h);
-        for (int pw = 0; pw < pool_w; ++pw, out += k_block) {
-          const int32_t w0 = pw * bin_w;
-          const int ws = clamp_bound(wrap16(start_w + (w0 >> 7)), fmap_w);
-          const int we = clamp_bound(wrap16(start_w + ((w0 + bin_w + 127) >> 7)), fmap_w);
-          pool_cell<V>(block, fmap_w, hs, he, ws, we, init, out);
-        }
-      }
+      uint16_t* out = roi_result + static_cast<size_t>(first) * box_elems +
+                      static_cast<size_t>(g) * cell_elems;
+      for (int i = 0; i < n; ++i, out += box_elems)
+        pool_block(bins[i], block, out, pool_w, pool_h, fmap_h, fmap_w, init);
     }
   }
   return 0;
