@@ -1,11 +1,13 @@
 // Greedy non-maximum suppression over proposal records (x1 y1 x2 y2 score,
 // halves), boxes taken in input order.
 //
-// The kernel keeps the boxes that are still unmarked as a compact list in
-// structure-of-arrays form (x1, y1, x2, y2, area as floats, input index as
-// u32). Keeping a box sweeps the rest of the list four boxes at a time and
-// moves the survivors down in place, so a suppressed box is never looked at
-// again and each sweep only touches live boxes.
+// The kernel keeps the boxes in structure-of-arrays form (x1, y1, x2, y2,
+// area as floats, input index as u32) and tests a kept box against the rest
+// of the list four boxes at a time. A suppressed box is flagged in the top
+// bit of its index (indices are below 2^15); once enough flagged boxes have
+// piled up behind the current box, the next sweep also packs the list,
+// moving the unflagged boxes down in place. Most sweeps thus only read, and
+// suppressed boxes stop costing anything at the next packing.
 //
 // Arithmetic of the overlap test, all single precision, identical in the
 // vector sweep and the scalar fallback:
@@ -78,9 +80,12 @@ inline f32x4 vmax(f32x4 a, f32x4 b) { return a > b ? a : b; }
 
 // Bit l set when lane l of the comparison mask is set.
 inline unsigned lane_bits(i32x4 m) {
-  const u32x4 weights = {1, 2, 4, 8};
-  const u32x4 b = reinterpret_cast<u32x4>(m) & weights;
+#if defined(__SSE2__)
+  return static_cast<unsigned>(__builtin_ia32_movmskps(reinterpret_cast<f32x4>(m)));
+#else
+  const u32x4 b = reinterpret_cast<u32x4>(m) & u32x4{1, 2, 4, 8};
   return b[0] | b[1] | b[2] | b[3];
+#endif
 }
 
 // Byte shuffles that move the lanes selected by a 4-bit mask to the front,
@@ -112,28 +117,63 @@ inline void pack_store(void* dst, const void* src, u8x16 shuffle) {
   storeb(dst, __builtin_shuffle(loadb(src), shuffle));
 }
 
-// Tests list entries from..alive-1 against the kept box c (its coordinates
-// and area broadcast to all lanes) and moves the survivors down to start at
-// `from`, in order. Returns the new number of live entries.
-int sweep(const box_list& l, int from, int alive, f32x4 cx1, f32x4 cy1, f32x4 cx2, f32x4 cy2,
-          f32x4 carea, f32x4 thr) {
+constexpr uint32_t k_flag = 0x80000000u;  // index bit: suppressed
+
+// The kept box, broadcast to all lanes, and the threshold.
+struct kept_box {
+  f32x4 x1, y1, x2, y2, area, thr;
+};
+
+// Lanes of list entries r..r+3 that box c suppresses (all ones), from the
+// overlap test above. Lanes past the end of the list read the slack and are
+// discarded by the callers (see tail_bits).
+inline i32x4 suppressed_lanes(const box_list& l, int r, const kept_box& c) {
   const f32x4 zero = {0.0f, 0.0f, 0.0f, 0.0f};
   const f32x4 one = {1.0f, 1.0f, 1.0f, 1.0f};
-  const i32x4 lane = {0, 1, 2, 3};
+  const f32x4 w = vmin(c.x2, loadf(l.x2 + r)) - vmax(c.x1, loadf(l.x1 + r)) + one;
+  const f32x4 h = vmin(c.y2, loadf(l.y2 + r)) - vmax(c.y1, loadf(l.y1 + r)) + one;
+  const f32x4 inter = w * h;
+  return ~(w <= zero) & ~(h <= zero) & ((c.area + loadf(l.area + r) - inter) * c.thr < inter);
+}
+
+// Lane bits of the entries r..r+3 that lie inside a list of `alive`.
+inline unsigned tail_bits(int r, int alive) {
+  return alive - r >= 4 ? 0xFu : (1u << (alive - r)) - 1;
+}
+
+inline i32x4 load_index(const box_list& l, int r) {
+  i32x4 v;
+  memcpy(&v, l.index + r, sizeof v);
+  return v;
+}
+
+// Tests entries from..alive-1 against c and flags the ones it suppresses.
+// Returns how many were newly flagged.
+int sweep_flag(const box_list& l, int from, int alive, const kept_box& c) {
+  const i32x4 flag = {INT32_MIN, INT32_MIN, INT32_MIN, INT32_MIN};
+  int flagged = 0;
+  for (int r = from; r < alive; r += 4) {
+    const i32x4 idx = load_index(l, r);
+    const i32x4 fresh = suppressed_lanes(l, r, c) & ~(idx & flag);
+    const unsigned bits = lane_bits(fresh) & tail_bits(r, alive);
+    if (bits == 0) continue;
+    // Flags may also land on slack lanes past the list: never read as boxes.
+    const i32x4 marked = idx | (fresh & flag);
+    memcpy(l.index + r, &marked, sizeof marked);
+    flagged += k_pack.count[bits];
+  }
+  return flagged;
+}
+
+// Tests entries from..alive-1 against c and moves the entries that are
+// neither flagged nor suppressed by c down to start at `from`, in order.
+// Returns the new list length.
+int sweep_pack(const box_list& l, int from, int alive, const kept_box& c) {
   int w = from;
   for (int r = from; r < alive; r += 4) {
-    const f32x4 x1 = loadf(l.x1 + r);
-    const f32x4 y1 = loadf(l.y1 + r);
-    const f32x4 x2 = loadf(l.x2 + r);
-    const f32x4 y2 = loadf(l.y2 + r);
-    const f32x4 area = loadf(l.area + r);
-    const f32x4 wv = vmin(cx2, x2) - vmax(cx1, x1) + one;
-    const f32x4 hv = vmin(cy2, y2) - vmax(cy1, y1) + one;
-    const f32x4 inter = wv * hv;
-    const i32x4 suppressed = ~(wv <= zero) & ~(hv <= zero) & ((carea + area - inter) * thr < inter);
-    i32x4 keep = ~suppressed;
-    if (alive - r < 4) keep &= lane < (alive - r);
-    const unsigned bits = lane_bits(keep);
+    // A flagged index is negative as a signed lane.
+    const i32x4 keep = ~suppressed_lanes(l, r, c) & (load_index(l, r) >= 0);
+    const unsigned bits = lane_bits(keep) & tail_bits(r, alive);
     if (bits == 0xF && w == r) {  // nothing moved yet and nothing to drop
       w += 4;
       continue;
@@ -237,13 +277,23 @@ int nms_kernel(uint16_t* out, const uint16_t* in, int count, float iou_threshold
 
   const f32x4 thr = {iou_threshold, iou_threshold, iou_threshold, iou_threshold};
   int kept = 0;
-  int alive = n;
-  for (int p = 0; p < alive; ++p) {
+  int alive = n;    // list length
+  int flagged = 0;  // flagged entries after p
+  for (int p = 0; p < alive;) {
     copy_box(out + static_cast<size_t>(kept) * 4, in + static_cast<size_t>(l.index[p]) * 5);
     if (++kept == max_out) break;
     const float x1 = l.x1[p], y1 = l.y1[p], x2 = l.x2[p], y2 = l.y2[p], a = l.area[p];
-    alive = sweep(l, p + 1, alive, f32x4{x1, x1, x1, x1}, f32x4{y1, y1, y1, y1},
-                  f32x4{x2, x2, x2, x2}, f32x4{y2, y2, y2, y2}, f32x4{a, a, a, a}, thr);
+    const kept_box c = {f32x4{x1, x1, x1, x1}, f32x4{y1, y1, y1, y1}, f32x4{x2, x2, x2, x2},
+                        f32x4{y2, y2, y2, y2}, f32x4{a, a, a, a},   thr};
+    // Pack once the flagged entries make up a sixteenth of the rest.
+    if (flagged * 16 > alive - p) {
+      alive = sweep_pack(l, p + 1, alive, c);
+      flagged = 0;
+    } else {
+      flagged += sweep_flag(l, p + 1, alive, c);
+    }
+    // Next unflagged entry.
+    for (++p; p < alive && (l.index[p] & k_flag) != 0; ++p) --flagged;
   }
   return kept;
 }
