@@ -22,6 +22,10 @@
 
 #include <string.h>
 
+#if defined(__aarch64__)
+#include <arm_neon.h>
+#endif
+
 #include "brennik_opt_layers.h"
 #include "common/alloc.h"
 #include "common/box.h"
@@ -82,6 +86,8 @@ inline f32x4 vmax(f32x4 a, f32x4 b) { return a > b ? a : b; }
 inline unsigned lane_bits(i32x4 m) {
 #if defined(__SSE2__)
   return static_cast<unsigned>(__builtin_ia32_movmskps(reinterpret_cast<f32x4>(m)));
+#elif defined(__aarch64__)
+  return vaddvq_u32(vandq_u32(reinterpret_cast<uint32x4_t>(m), uint32x4_t{1, 2, 4, 8}));
 #else
   const u32x4 b = reinterpret_cast<u32x4>(m) & u32x4{1, 2, 4, 8};
   return b[0] | b[1] | b[2] | b[3];

@@ -5,6 +5,7 @@
 #include <pthread.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <vector>
 
 #include "common/alloc.h"
@@ -56,7 +57,7 @@ int call_nms(uint16_t* out, uint16_t* in, int count, float thr, int max_out) {
 
 int call_kernel(uint16_t* out, uint16_t* in, int count, float thr, int max_out) {
   // Exactly sized heap scratch, so an overrun shows under ASan.
-  void* scratch = malloc(ol::nms_scratch_bytes(static_cast<uint32_t>(count)) + 1);
+  void* scratch = malloc(std::max<size_t>(ol::nms_scratch_bytes(static_cast<uint32_t>(count)), 1));
   const int r = ol::nms_kernel(out, in, count, thr, max_out, scratch);
   free(scratch);
   return r;
