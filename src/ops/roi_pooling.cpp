@@ -6,6 +6,11 @@
 // channels over its cells. roi_pooling compares elements as unsigned 16-bit
 // integers (empty bin 0), roi_pooling_sign as signed ones (empty bin 0x8000).
 //
+// Bin bounds are 16-bit values clamped to the map, so every read lies inside
+// the map whatever the coordinates (NaN and infinities included). A map of
+// more than 32767 rows or columns is read only in its first 32767 of them,
+// which the 16-bit box arithmetic can reach.
+//
 // The 16 channels of one map position are two 128-bit vectors, so a cell
 // visit is two loads and two lane-wise maxima (pmaxuw / pmaxsw on x86-64,
 // umax / smax on aarch64), written once with GCC vector extensions.
