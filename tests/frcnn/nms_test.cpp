@@ -21,7 +21,7 @@ constexpr uint16_t k_poison = 0xA5A5;
 
 // Proposal records (x1 y1 x2 y2 score) in clusters of jittered boxes, with
 // optional rare NaN / infinite coordinates and degenerate boxes.
-std::vector<uint16_t> make_boxes(ol_test::rng& rng, int n, int clusters, bool specials) {
+std::vector<uint16_t> make_boxes(ol_test::rng& rng, int n, int clusters, bool unusual) {
   std::vector<float> cx(clusters), cy(clusters), cw(clusters), chh(clusters);
   for (int k = 0; k < clusters; ++k) {
     cx[k] = rng.uniform(0, 900);
@@ -37,7 +37,7 @@ std::vector<uint16_t> make_boxes(ol_test::rng& rng, int n, int clusters, bool sp
     const float x1 = cx[k] + rng.uniform(-j, j) * cw[k], y1 = cy[k] + rng.uniform(-j, j) * chh[k];
     const float x2 = x1 + cw[k] * rng.uniform(1 - j, 1 + j), y2 = y1 + chh[k] * rng.uniform(1 - j, 1 + j);
     uint16_t rec[5] = {h(x1), h(y1), h(x2), h(y2), h(rng.uniform(0, 1))};
-    if (specials) {
+    if (unusual) {
       const uint32_t r = rng.next() % 64;
       if (r == 0) rec[rng.range(0, 3)] = odd[rng.range(0, 5)];
       if (r == 1) std::swap(rec[0], rec[2]);  // reversed

@@ -73,14 +73,14 @@ TEST(RoiPooling, MatchesTwinOnRandomInputs) {
 // negative): the result matches the twin and nothing is read outside the map.
 TEST(RoiPooling, AnyCoordinateBitsStayInsideTheMap) {
   ol_test::rng rng(11);
-  const uint16_t specials[] = {0x7C00, 0xFC00, 0x7E00, 0xFE01, 0x7BFF, 0xFBFF, 0x7800,
+  const uint16_t unusual[] = {0x7C00, 0xFC00, 0x7E00, 0xFE01, 0x7BFF, 0xFBFF, 0x7800,
                                0xF800, 0x77FF, 0x0000, 0x8000, 0x3C00};
   for (int iter = 0; iter < 200; ++iter) {
     map16 m(rng.range(1, 6), rng.range(1, 6), 32);
     for (auto& e : m.data) e = static_cast<uint16_t>(rng.next());
     std::vector<uint16_t> boxes(8);
     for (auto& b : boxes)
-      b = (rng.next() & 1) ? specials[rng.range(0, 11)] : static_cast<uint16_t>(rng.next());
+      b = (rng.next() & 1) ? unusual[rng.range(0, 11)] : static_cast<uint16_t>(rng.next());
     expect_same(iter % 2, boxes, m, 2, rng.range(1, 8), rng.range(1, 8), rng.range(1, 20));
   }
 }
