@@ -34,9 +34,9 @@ struct box_geometry {
   float off_w, off_h;  // shifts of the scaled variant
 };
 
-// Boxes narrower or lower than 0.1 map cells are widened to 0.1 (also taken
-// for a NaN size).
-inline float min_extent(float v) { return v > 0.1f ? v : 0.1f; }
+// Boxes narrower or lower than 0.1 map cells are widened to 0.1. A NaN size
+// stays NaN: its bin bounds become 0 and every bin is empty.
+inline float min_extent(float v) { return v < 0.1f ? 0.1f : v; }
 
 box_geometry plain_geometry(const ps_roi_args& a, const float* box) {
   const float s = a.spatial_scale;
