@@ -58,65 +58,109 @@ ps_case random_case(rng& g) {
   return c;
 }
 
+// Variants of the bin arithmetic that differ from the stated one by one
+// rounding; used only to prove that the near-integer cases below would catch
+// such a slip. (Two stated steps are not among them because they cannot be
+// told apart: the centre's fused multiply-add by 0.5, whose product is exact,
+// and the double-precision end of the scaled box, which for coordinates
+// below 2^24 rounds like the float product.)
+enum class arith {
+  exact, height_fused, width_unfused, offset_unfused,
+  start_unfused, end_unfused, start_shift_in_fma, end_shift_in_fma,  // bin bounds
+  count
+};
+
+// Bin bounds [hs, he) x [ws, we) of every bin of box r, bin-row major.
+struct bin_bounds {
+  int hs, he, ws, we;
+  bool empty() const { return hs >= he || ws >= we; }
+  // Same pooled result: both empty, or the same rows and columns.
+  bool operator==(const bin_bounds& o) const {
+    if (empty() || o.empty()) return empty() && o.empty();
+    return hs == o.hs && he == o.he && ws == o.ws && we == o.we;
+  }
+};
+
+std::vector<bin_bounds> bounds(const ps_case& c, int r, arith v = arith::exact) {
+  const int g = c.group;
+  auto clamp = [](float x, int limit) {
+    if (isnan(x) || x <= 0) return 0;
+    return x >= float(limit) ? limit : int(x);
+  };
+  const float* b = &c.boxes[4 * r];
+  const float s = c.spatial_scale;
+  float start_w, start_h, width, height, off_w = 0, off_h = 0;
+  if (!c.scaled) {
+    start_w = s * roundf(b[0]);
+    start_h = s * roundf(b[1]);
+    width = v == arith::width_unfused ? s * (roundf(b[2]) + 1) - start_w
+                                       : fmaf(s, roundf(b[2]) + 1, -start_w);
+    height = v == arith::height_fused ? fmaf(roundf(b[3]) + 1, s, -start_h)
+                                       : (roundf(b[3]) + 1) * s - start_h;
+  } else {
+    const float a = (b[2] - b[0]) * c.roi_scale * 0.5f, bb = (b[3] - b[1]) * c.roi_scale * 0.5f;
+    const float X1 = fmaf(b[0] + b[2], 0.5f, -a), X2 = fmaf(b[0] + b[2], 0.5f, a);
+    const float Y1 = fmaf(b[1] + b[3], 0.5f, -bb), Y2 = fmaf(b[1] + b[3], 0.5f, bb);
+    start_w = s * roundf(X1);
+    start_h = s * roundf(Y1);
+    width = float((double(roundf(X2)) + 1) * double(s)) - start_w;
+    height = float((double(roundf(Y2)) + 1) * double(s)) - start_h;
+  }
+  const float bin_w = std::max(width, 0.1f) / float(g), bin_h = std::max(height, 0.1f) / float(g);
+  if (c.scaled) {
+    const bool fused = v != arith::offset_unfused;
+    off_w = (fused ? fmaf(c.shift, bin_w, -bin_w) : c.shift * bin_w - bin_w) * 0.5f;
+    off_h = (fused ? fmaf(c.shift, bin_h, -bin_h) : c.shift * bin_h - bin_h) * 0.5f;
+  }
+  // floor (start) or ceil (end) of bin * t + start - off, clamped.
+  auto bound = [&](float bin, float t, float start, float off, bool end, int limit) {
+    float x;
+    if (v == (end ? arith::end_unfused : arith::start_unfused))
+      x = bin * t + start - off;
+    else if (v == (end ? arith::end_shift_in_fma : arith::start_shift_in_fma))
+      x = fmaf(bin, t, start - off);
+    else
+      x = c.scaled ? fmaf(bin, t, start) - off : fmaf(bin, t, start);
+    return clamp(end ? ceilf(x) : floorf(x), limit);
+  };
+  std::vector<bin_bounds> out;
+  for (int ph = 0; ph < g; ++ph) {
+    for (int pw = 0; pw < g; ++pw) {
+      // Bin position and its end: i and i + 1, or i * stride and i * stride + 1.
+      const float th = c.scaled ? float(ph) * c.stride : float(ph);
+      const float tw = c.scaled ? float(pw) * c.stride : float(pw);
+      const float th1 = c.scaled ? th + 1 : float(ph + 1), tw1 = c.scaled ? tw + 1 : float(pw + 1);
+      out.push_back({bound(bin_h, th, start_h, off_h, false, c.fmap_h),
+                     bound(bin_h, th1, start_h, off_h, true, c.fmap_h),
+                     bound(bin_w, tw, start_w, off_w, false, c.fmap_w),
+                     bound(bin_w, tw1, start_w, off_w, true, c.fmap_w)});
+    }
+  }
+  return out;
+}
+
 // Reference, one channel at a time. Writes the cells it defines; with
 // `keep_tail`, floats out_channels .. out_pitch - 1 of non-empty cells are
 // left as they are, otherwise every float of the region is written.
 void reference(const ps_case& c, bool keep_tail, float* out) {
   const int g = c.group;
-  auto clamp = [](float v, int limit) {
-    if (isnan(v) || v <= 0) return 0;
-    return v >= float(limit) ? limit : int(v);
-  };
   for (int r = 0; r < c.roi_num(); ++r) {
-    const float* b = &c.boxes[4 * r];
-    const float s = c.spatial_scale;
-    float start_w, start_h, width, height, off_w = 0, off_h = 0;
-    if (!c.scaled) {
-      start_w = s * roundf(b[0]);
-      start_h = s * roundf(b[1]);
-      width = fmaf(s, roundf(b[2]) + 1, -start_w);
-      height = (roundf(b[3]) + 1) * s - start_h;
-    } else {
-      const float a = (b[2] - b[0]) * c.roi_scale * 0.5f, bb = (b[3] - b[1]) * c.roi_scale * 0.5f;
-      const float X1 = fmaf(b[0] + b[2], 0.5f, -a), X2 = fmaf(b[0] + b[2], 0.5f, a);
-      const float Y1 = fmaf(b[1] + b[3], 0.5f, -bb), Y2 = fmaf(b[1] + b[3], 0.5f, bb);
-      start_w = s * roundf(X1);
-      start_h = s * roundf(Y1);
-      width = float((double(roundf(X2)) + 1) * double(s)) - start_w;
-      height = float((double(roundf(Y2)) + 1) * double(s)) - start_h;
-    }
-    const float bin_w = std::max(width, 0.1f) / float(g), bin_h = std::max(height, 0.1f) / float(g);
-    if (c.scaled) {
-      off_w = fmaf(c.shift, bin_w, -bin_w) * 0.5f;
-      off_h = fmaf(c.shift, bin_h, -bin_h) * 0.5f;
-    }
+    const std::vector<bin_bounds> bins = bounds(c, r);
     for (int ph = 0; ph < g; ++ph) {
       for (int pw = 0; pw < g; ++pw) {
-        int hs, he, ws, we;
-        if (!c.scaled) {
-          hs = clamp(floorf(fmaf(bin_h, float(ph), start_h)), c.fmap_h);
-          he = clamp(ceilf(fmaf(bin_h, float(ph + 1), start_h)), c.fmap_h);
-          ws = clamp(floorf(fmaf(bin_w, float(pw), start_w)), c.fmap_w);
-          we = clamp(ceilf(fmaf(bin_w, float(pw + 1), start_w)), c.fmap_w);
-        } else {
-          const float th = float(ph) * c.stride, tw = float(pw) * c.stride;
-          hs = clamp(floorf(fmaf(bin_h, th, start_h) - off_h), c.fmap_h);
-          he = clamp(ceilf(fmaf(bin_h, th + 1, start_h) - off_h), c.fmap_h);
-          ws = clamp(floorf(fmaf(bin_w, tw, start_w) - off_w), c.fmap_w);
-          we = clamp(ceilf(fmaf(bin_w, tw + 1, start_w) - off_w), c.fmap_w);
-        }
+        const bin_bounds& k = bins[ph * g + pw];
         float* cell = out + ((size_t(r) * g + ph) * g + pw) * c.out_pitch;
-        const bool empty = hs >= he || ws >= we;
-        for (int k = 0; k < c.out_pitch; ++k)
-          if (empty || !keep_tail || k < c.out_channels) cell[k] = 0;
+        const bool empty = k.empty();
+        for (int i = 0; i < c.out_pitch; ++i)
+          if (empty || !keep_tail || i < c.out_channels) cell[i] = 0;
         if (empty) continue;
         const int block = ph * g + pw;
         for (int ch = 0; ch < c.out_channels; ++ch) {
           float sum = 0;
-          for (int h = hs; h < he; ++h)
-            for (int w = ws; w < we; ++w)
+          for (int h = k.hs; h < k.he; ++h)
+            for (int w = k.ws; w < k.we; ++w)
               sum += c.fmap[((size_t(block) * c.fmap_h + h) * c.fmap_w + w) * c.fmap_pitch + ch];
-          cell[ch] = sum / float((he - hs) * (we - ws));
+          cell[ch] = sum / float((k.he - k.hs) * (k.we - k.ws));
         }
       }
     }
@@ -194,6 +238,51 @@ TEST(PsRoiPooling, MatchesReferenceOnRandomCases) {
     }
     check_case(c, "iter " + std::to_string(iter));
   }
+}
+
+TEST(PsRoiPooling, NearIntegerBoundsPinTheRounding) {
+  // Scales like 1/3 or 0.1 with integer or half boxes put bin bounds on or
+  // next to integers, where one rounding more or less moves a bound. Among
+  // such candidates, the cases where a variant of the arithmetic moves some
+  // bound (a few per variant), and every 40th case, are run; each variant
+  // must have been caught.
+  rng g(43);
+  const float scales[] = {0.1f, 1.0f / 3, 0.2f, 1.0f / 7, 1.0f / 6, 0.3f, 0.7f, 0.9f};
+  const float roi_scales[] = {0.5f, 0.75f, 1.0f, 1.25f, 1.5f, 2.0f, 1.1f};
+  const float shifts[] = {0.0f, 0.5f, 1.5f, 2.0f, 3.0f, 1.1f, 0.7f};
+  const float strides[] = {0.5f, 1.0f, 1.5f, 2.0f, 0.9f};
+  int caught[int(arith::count)][2] = {};  // per variant, plain / scaled
+  for (int iter = 0; iter < 20000; ++iter) {
+    ps_case c;
+    c.fmap_w = g.range(4, 14), c.fmap_h = g.range(4, 14), c.group = g.range(1, 4);
+    c.out_channels = iter % 3 ? 21 : 2, c.fmap_pitch = c.out_channels, c.out_pitch = 24;
+    c.spatial_scale = scales[g.range(0, 7)];
+    c.scaled = iter % 2;
+    c.roi_scale = c.scaled ? roi_scales[g.range(0, 6)] : 1.0f;
+    c.shift = c.scaled ? shifts[g.range(0, 6)] : 1.0f;
+    c.stride = c.scaled ? strides[g.range(0, 4)] : 1.0f;
+    const int lim = int(14 / c.spatial_scale);
+    for (int b = 0; b < 3; ++b) {
+      const float x1 = 0.5f * g.range(-4, 2 * lim), y1 = 0.5f * g.range(-4, 2 * lim);
+      c.boxes.insert(c.boxes.end(), {x1, y1, x1 + g.range(0, lim), y1 + g.range(0, lim)});
+    }
+    bool run = iter % 40 == 0;
+    for (int v = 1; v < int(arith::count); ++v) {
+      bool moves = false;
+      for (int r = 0; r < c.roi_num(); ++r) moves = moves || !(bounds(c, r, arith(v)) == bounds(c, r));
+      if (moves && caught[v][c.scaled] < 4) ++caught[v][c.scaled], run = true;
+    }
+    if (!run) continue;
+    c.fmap.resize(size_t(c.group) * c.group * c.fmap_h * c.fmap_w * c.fmap_pitch);
+    for (float& v : c.fmap) v = g.uniform(-1, 1);
+    check_case(c, "near-integer " + std::to_string(iter));
+  }
+  // Each variant is caught on the form it applies to.
+  for (arith v : {arith::height_fused, arith::width_unfused, arith::start_unfused, arith::end_unfused})
+    EXPECT_GT(caught[int(v)][0], 0) << "plain, variant " << int(v);
+  for (arith v : {arith::offset_unfused, arith::start_unfused, arith::end_unfused,
+                  arith::start_shift_in_fma, arith::end_shift_in_fma})
+    EXPECT_GT(caught[int(v)][1], 0) << "scaled, variant " << int(v);
 }
 
 TEST(PsRoiPooling, ScaledWithUnitFactorsEqualsPlain) {
