@@ -398,9 +398,11 @@ OPT_LAYERS_API int crop_and_resize_fmap_int16(short* fmap, float scale_x, float 
 // out_pitch - 1 of non-empty cells keep their contents; otherwise the whole
 // output region is zeroed first). channels is only checked against
 // group_size^2 * out_channels. fmap_pitch and out_pitch must not be below
-// out_channels (not checked). Bins clamped to nothing, boxes outside the
-// map, maps with no row or column and NaN coordinates give zeros; no
-// coordinate indexes outside the map.
+// out_channels (not checked); an output region that is empty (a zero or
+// negative out_pitch or pooled size) is left alone, and a negative
+// fmap_pitch is read as an empty map. Bins clamped to nothing, boxes
+// outside the map, maps with no row or column and NaN coordinates give
+// zeros; no coordinate indexes outside the map.
 // ps_roi_pooling_scale first scales each box by roi_scale about its centre,
 // moves every bin back by (bin_shift_factor - 1) / 2 bins and spaces the
 // bins bin_stride_factor bins apart.

@@ -158,8 +158,9 @@ void pool_box(const ps_roi_args& a, const float* box, ps_path path, bool fast, f
   const box_geometry g = a.scaled ? scaled_geometry(a, box) : plain_geometry(a, box);
   const size_t pitch = static_cast<size_t>(a.out_pitch);
   const size_t row_cells = static_cast<size_t>(a.pooled_w);
-  // A map without rows or columns gives empty bins only.
-  const bool has_map = a.fmap_w > 0 && a.fmap_h > 0;
+  // A map without rows or columns (or with a negative pitch, which would
+  // index before it) gives empty bins only.
+  const bool has_map = a.fmap_w > 0 && a.fmap_h > 0 && a.fmap_pitch >= 0;
   bin_span b;
   b.pitch = static_cast<size_t>(a.fmap_pitch);
   b.row_stride = has_map ? static_cast<size_t>(a.fmap_w) * b.pitch : 0;
@@ -210,6 +211,8 @@ int ps_roi_pooling_run(const ps_roi_args& a, ps_path path) {
   const size_t box_floats = a.pooled_w > 0 && a.pooled_h > 0 && a.out_pitch > 0
                                 ? static_cast<size_t>(a.pooled_h) * a.pooled_w * a.out_pitch
                                 : 0;
+  // An empty output region (a zero or negative size or pitch) gets nothing.
+  if (box_floats == 0) return 0;
   if (!fast) memset(a.roi_result, 0, box_floats * a.roi_num * sizeof(float));
   for (int r = 0; r < a.roi_num; ++r) {
     pool_box(a, a.proposal + 4 * static_cast<size_t>(r), path, fast,

@@ -404,6 +404,23 @@ TEST(PsRoiPooling, ChecksAndMessages) {
   EXPECT_EQ(r.ret, 0);
   EXPECT_EQ(r.text, "");
   for (float v : r.out) ASSERT_EQ(v, kPoison);
+  // Degenerate pitches and sizes: nothing written (empty output region), or
+  // zeros (negative map pitch); nothing read or written out of bounds.
+  c.boxes = {0, 0, 50, 50};
+  const int n49 = 49 * 21;
+  std::vector<float> small(n49 + kGuard, kPoison);
+  EXPECT_EQ(ps_roi_pooling(c.fmap.data(), c.fmap_w, c.fmap_h, n49, 21, c.boxes.data(), 1,
+                           small.data(), 7, 7, 21, 0, 0.0625f, 7),
+            0);
+  for (float v : small) ASSERT_EQ(v, kPoison);
+  EXPECT_EQ(ps_roi_pooling(c.fmap.data(), c.fmap_w, c.fmap_h, n49, -4, c.boxes.data(), 1,
+                           small.data(), 7, 7, 21, 21, 0.0625f, 7),
+            0);
+  for (int i = 0; i < n49; ++i) ASSERT_EQ(small[i], 0.0f);
+  for (size_t i = n49; i < small.size(); ++i) ASSERT_EQ(small[i], kPoison);
+  EXPECT_EQ(ps_roi_pooling(c.fmap.data(), c.fmap_w, c.fmap_h, 0, 21, c.boxes.data(), 1,
+                           small.data(), 0, 0, 21, 21, 0.0625f, 0),
+            0);
   std::vector<float> one = {0, 0, 1, 1};
   EXPECT_EQ(ps_roi_pooling(c.fmap.data(), c.fmap_w, c.fmap_h, 1029, 21, one.data(), -3, out.data(),
                            7, 7, 21, 21, 0.0625f, 7),
