@@ -33,7 +33,9 @@ struct gen {
     s ^= s << 17;
     return uint32_t(s >> 11);
   }
-  float uniform(float lo, float hi) { return lo + (hi - lo) * float(next() & 0xFFFFFF) / 16777216.0f; }
+  float uniform(float lo, float hi) {
+    return lo + (hi - lo) * float(next() & 0xFFFFFF) / 16777216.0f;
+  }
 };
 
 // CPU time of the calling thread: the machine is shared, so wall time would
@@ -131,7 +133,8 @@ struct cell_set {
 // Cells read by ROI align (cell-centre samples) of the boxes on a map of
 // stride s.
 void touch_align(cell_set& cs, const float* b, unsigned s, unsigned pool) {
-  const float x1 = b[0] / s, y1 = b[1] / s, bw = (b[2] / s - x1) / pool, bh = (b[3] / s - y1) / pool;
+  const float x1 = b[0] / s, y1 = b[1] / s, bw = (b[2] / s - x1) / pool,
+              bh = (b[3] / s - y1) / pool;
   for (unsigned i = 0; i < pool; ++i)
     for (unsigned j = 0; j < pool; ++j) cs.sample(x1 + (j + 0.5f) * bw, y1 + (i + 0.5f) * bh);
 }
@@ -250,7 +253,8 @@ struct ps_data {
     for (int i = 0; i < 300; ++i) {
       const float w = expf(g.uniform(logf(32), logf(600)));
       const float h = expf(g.uniform(logf(32), logf(500)));
-      const float x = g.uniform(0, 1000 - std::min(w, 999.f)), y = g.uniform(0, 600 - std::min(h, 599.f));
+      const float x = g.uniform(0, 1000 - std::min(w, 999.f)),
+                  y = g.uniform(0, 600 - std::min(h, 599.f));
       boxes.insert(boxes.end(), {x, y, std::min(x + w, 999.f), std::min(y + h, 599.f)});
     }
   }
@@ -258,9 +262,9 @@ struct ps_data {
 
 void BM_ps_roi_pooling_rfcn_300(benchmark::State& st, ps_path path) {
   static ps_data d;
-  const ol::ps_roi_args a{d.map.data(), 63,   38,    1029, 21,   d.boxes.data(),
-                          300,          d.out.data(), 7,  7,    21,  21,
-                          0.0625f,      7,    false, 1.0f, 1.0f, 1.0f};
+  const ol::ps_roi_args a{d.map.data(), 63,   38,   1029, 21, d.boxes.data(), 300,
+                          d.out.data(), 7,    7,    21,   21, 0.0625f,        7,
+                          false,        1.0f, 1.0f, 1.0f};
   memory_bandwidth();  // measured once, outside the timing
   const traffic t;
   for (auto _ : st) {

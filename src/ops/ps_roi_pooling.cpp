@@ -180,7 +180,8 @@ void pool_box(const ps_roi_args& a, const float* box, ps_path path, bool fast, f
         if (fast) memset(cell, 0, pitch * sizeof(float));
         continue;
       }
-      b.block = a.fmap + block_stride * (static_cast<size_t>(ph) * row_cells + static_cast<size_t>(pw));
+      b.block =
+          a.fmap + block_stride * (static_cast<size_t>(ph) * row_cells + static_cast<size_t>(pw));
       if (fast) {
         pool_21(b, cell);
       } else if (path == ps_path::scalar) {
@@ -196,8 +197,8 @@ void pool_box(const ps_roi_args& a, const float* box, ps_path path, bool fast, f
 
 int ps_roi_pooling_run(const ps_roi_args& a, ps_path path) {
   if (a.group_size != a.pooled_w || a.group_size != a.pooled_h) {
-    printf("group_size mismatch pooled width and height, %d != %d, %d\n", a.group_size,
-           a.pooled_w, a.pooled_h);
+    printf("group_size mismatch pooled width and height, %d != %d, %d\n", a.group_size, a.pooled_w,
+           a.pooled_h);
     return -1;
   }
   // The product is formed in 64 bits and printed as the 32-bit int it wraps to.
@@ -215,8 +216,7 @@ int ps_roi_pooling_run(const ps_roi_args& a, ps_path path) {
   if (box_floats == 0) return 0;
   if (!fast) memset(a.roi_result, 0, box_floats * a.roi_num * sizeof(float));
   for (int r = 0; r < a.roi_num; ++r) {
-    pool_box(a, a.proposal + 4 * static_cast<size_t>(r), path, fast,
-             a.roi_result + box_floats * r);
+    pool_box(a, a.proposal + 4 * static_cast<size_t>(r), path, fast, a.roi_result + box_floats * r);
   }
   return 0;
 }
@@ -227,10 +227,9 @@ int ps_roi_pooling(const float* fmap, int fmap_w, int fmap_h, int channels, int 
                    const float* proposal, int roi_num, float* roi_result, int pooled_w,
                    int pooled_h, int out_channels, int out_pitch, float spatial_scale,
                    int group_size) {
-  const ol::ps_roi_args a{fmap,       fmap_w,   fmap_h,        channels,     fmap_pitch,
-                          proposal,   roi_num,  roi_result,    pooled_w,     pooled_h,
-                          out_channels, out_pitch, spatial_scale, group_size, false,
-                          1.0f,       1.0f,     1.0f};
+  const ol::ps_roi_args a{fmap,          fmap_w,     fmap_h,   channels, fmap_pitch,   proposal,
+                          roi_num,       roi_result, pooled_w, pooled_h, out_channels, out_pitch,
+                          spatial_scale, group_size, false,    1.0f,     1.0f,         1.0f};
   return ol::ps_roi_pooling_run(a, ol::ps_path::automatic);
 }
 
@@ -239,9 +238,9 @@ int ps_roi_pooling_scale(const float* fmap, int fmap_w, int fmap_h, int channels
                          int pooled_h, int out_channels, int out_pitch, float spatial_scale,
                          int group_size, float roi_scale, float bin_shift_factor,
                          float bin_stride_factor) {
-  const ol::ps_roi_args a{fmap,       fmap_w,   fmap_h,        channels,     fmap_pitch,
-                          proposal,   roi_num,  roi_result,    pooled_w,     pooled_h,
-                          out_channels, out_pitch, spatial_scale, group_size, true,
-                          roi_scale,  bin_shift_factor, bin_stride_factor};
+  const ol::ps_roi_args a{fmap,         fmap_w,           fmap_h,           channels,   fmap_pitch,
+                          proposal,     roi_num,          roi_result,       pooled_w,   pooled_h,
+                          out_channels, out_pitch,        spatial_scale,    group_size, true,
+                          roi_scale,    bin_shift_factor, bin_stride_factor};
   return ol::ps_roi_pooling_run(a, ol::ps_path::automatic);
 }

@@ -141,10 +141,9 @@ __attribute__((optimize("no-tree-vectorize"))) void bilinear_i16_scalar(const bi
   const bilinear_taps k = t;
   for (unsigned c = 0; c < channel; ++c) {
     // Each product fits in 31 bits; the sum is formed modulo 2^32.
-    const uint32_t acc = static_cast<uint32_t>(k.p00[c] * k.w00) +
-                         static_cast<uint32_t>(k.p01[c] * k.w01) +
-                         static_cast<uint32_t>(k.p10[c] * k.w10) +
-                         static_cast<uint32_t>(k.p11[c] * k.w11);
+    const uint32_t acc =
+        static_cast<uint32_t>(k.p00[c] * k.w00) + static_cast<uint32_t>(k.p01[c] * k.w01) +
+        static_cast<uint32_t>(k.p10[c] * k.w10) + static_cast<uint32_t>(k.p11[c] * k.w11);
     out[c] = static_cast<int16_t>(static_cast<int32_t>(acc + 4096u) >> 13);
   }
 }
@@ -188,8 +187,8 @@ struct axis_plan {
 
 struct col_entry {
   float pos;
-  float w0, w1;        // 1 - lx, lx
-  size_t off0, off1;   // channel * c0, channel * c1
+  float w0, w1;       // 1 - lx, lx
+  size_t off0, off1;  // channel * c0, channel * c1
 };
 
 struct row_entry {
@@ -365,8 +364,8 @@ axis_plan align_axis(float lo, float hi, float s, unsigned n) {
   const float a = lo / s;
   const float b = hi / s;
   const float bin = (b - a) / static_cast<float>(n);
-  return axis_plan{static_cast<float>(static_cast<double>(a) + 0.5 * static_cast<double>(bin)),
-                   bin, n};
+  return axis_plan{static_cast<float>(static_cast<double>(a) + 0.5 * static_cast<double>(bin)), bin,
+                   n};
 }
 
 template <class K>
@@ -516,8 +515,8 @@ int roi_align_fmap_int16_with(bilinear_kernel kernel, short* fmap, unsigned int 
                               unsigned int fmap_h, unsigned int pool_w, unsigned int pool_h,
                               unsigned int channel, short* roi_result) {
   if (kernel == bilinear_kernel::scalar) {
-    return roi_align_one<scalar_kernel>(fmap, fmap_scale, proposal, roi_num, fmap_w, fmap_h,
-                                        pool_w, pool_h, channel, roi_result);
+    return roi_align_one<scalar_kernel>(fmap, fmap_scale, proposal, roi_num, fmap_w, fmap_h, pool_w,
+                                        pool_h, channel, roi_result);
   }
   return roi_align_one<vector_kernel>(fmap, fmap_scale, proposal, roi_num, fmap_w, fmap_h, pool_w,
                                       pool_h, channel, roi_result);
@@ -528,8 +527,8 @@ int roi_align_four_fmap_int16_with(bilinear_kernel kernel, short** fmap, unsigne
                                    unsigned int img_h, unsigned int pool_w, unsigned int pool_h,
                                    unsigned int channel, short* roi_result) {
   if (kernel == bilinear_kernel::scalar) {
-    return roi_align_four<scalar_kernel>(fmap, fmap_scale, proposal, roi_num, img_w, img_h,
-                                         pool_w, pool_h, channel, roi_result);
+    return roi_align_four<scalar_kernel>(fmap, fmap_scale, proposal, roi_num, img_w, img_h, pool_w,
+                                         pool_h, channel, roi_result);
   }
   return roi_align_four<vector_kernel>(fmap, fmap_scale, proposal, roi_num, img_w, img_h, pool_w,
                                        pool_h, channel, roi_result);
@@ -537,9 +536,8 @@ int roi_align_four_fmap_int16_with(bilinear_kernel kernel, short** fmap, unsigne
 
 int crop_and_resize_fmap_int16_with(bilinear_kernel kernel, short* fmap, float scale_x,
                                     float scale_y, float extrapolation_value, float* proposal,
-                                    unsigned int roi_num, unsigned int fmap_w,
-                                    unsigned int fmap_h, unsigned int crop_w,
-                                    unsigned int crop_h, unsigned int channel,
+                                    unsigned int roi_num, unsigned int fmap_w, unsigned int fmap_h,
+                                    unsigned int crop_w, unsigned int crop_h, unsigned int channel,
                                     short* roi_result) {
   if (kernel == bilinear_kernel::scalar) {
     return crop_and_resize<scalar_kernel>(fmap, scale_x, scale_y, extrapolation_value, proposal,
@@ -566,16 +564,16 @@ int roi_align_four_fmap_int16(short** fmap, unsigned int* fmap_scale, float* pro
                               unsigned int roi_num, unsigned int img_w, unsigned int img_h,
                               unsigned int pool_w, unsigned int pool_h, unsigned int channel,
                               short* roi_result) {
-  return ol::roi_align_four_fmap_int16_with(ol::bilinear_kernel::vector, fmap, fmap_scale,
-                                            proposal, roi_num, img_w, img_h, pool_w, pool_h,
-                                            channel, roi_result);
+  return ol::roi_align_four_fmap_int16_with(ol::bilinear_kernel::vector, fmap, fmap_scale, proposal,
+                                            roi_num, img_w, img_h, pool_w, pool_h, channel,
+                                            roi_result);
 }
 
-int crop_and_resize_fmap_int16(short* fmap, float scale_x, float scale_y,
-                               float extrapolation_value, float* proposal, unsigned int roi_num,
-                               unsigned int fmap_w, unsigned int fmap_h, unsigned int crop_w,
-                               unsigned int crop_h, unsigned int channel, short* roi_result) {
+int crop_and_resize_fmap_int16(short* fmap, float scale_x, float scale_y, float extrapolation_value,
+                               float* proposal, unsigned int roi_num, unsigned int fmap_w,
+                               unsigned int fmap_h, unsigned int crop_w, unsigned int crop_h,
+                               unsigned int channel, short* roi_result) {
   return ol::crop_and_resize_fmap_int16_with(ol::bilinear_kernel::vector, fmap, scale_x, scale_y,
-                                             extrapolation_value, proposal, roi_num, fmap_w,
-                                             fmap_h, crop_w, crop_h, channel, roi_result);
+                                             extrapolation_value, proposal, roi_num, fmap_w, fmap_h,
+                                             crop_w, crop_h, channel, roi_result);
 }

@@ -58,9 +58,8 @@ int roi_align_four_fmap_int16_with(bilinear_kernel kernel, short** fmap, unsigne
                                    unsigned int channel, short* roi_result);
 int crop_and_resize_fmap_int16_with(bilinear_kernel kernel, short* fmap, float scale_x,
                                     float scale_y, float extrapolation_value, float* proposal,
-                                    unsigned int roi_num, unsigned int fmap_w,
-                                    unsigned int fmap_h, unsigned int crop_w,
-                                    unsigned int crop_h, unsigned int channel,
+                                    unsigned int roi_num, unsigned int fmap_w, unsigned int fmap_h,
+                                    unsigned int crop_w, unsigned int crop_h, unsigned int channel,
                                     short* roi_result);
 
 }  // namespace ol

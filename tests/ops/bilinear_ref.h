@@ -101,7 +101,8 @@ inline void roi_align_box(const map16& m, unsigned s, const float* box, unsigned
   for (unsigned i = 0; i < pool_h; ++i)
     ys[i] = i == 0 ? float(double(y1) + 0.5 * double(bin_h)) : ys[i - 1] + bin_h;
   for (unsigned i = 0; i < pool_h; ++i)
-    for (unsigned j = 0; j < pool_w; ++j) sample(m, xs[j], ys[i], out + (size_t(i) * pool_w + j) * m.c);
+    for (unsigned j = 0; j < pool_w; ++j)
+      sample(m, xs[j], ys[i], out + (size_t(i) * pool_w + j) * m.c);
 }
 
 // Pyramid level from the box size.
@@ -156,7 +157,8 @@ inline void crop_box(const map16& m, float sx, float sy, float extr, const float
       if (ys[i] < 0 || ys[i] > float(m.h - 1)) {
         for (unsigned c = 0; c < m.c; ++c) o[c] = e, *text += "extr y\n";
       } else if (xs[j] < 0 || xs[j] > float(m.w - 1)) {
-        for (unsigned c = 0; c < m.c; ++c) o[c] = e, *text += ol_test::format("extr x, %f\n", xs[j]);
+        for (unsigned c = 0; c < m.c; ++c)
+          o[c] = e, *text += ol_test::format("extr x, %f\n", xs[j]);
       } else {
         sample(m, xs[j], ys[i], o);
       }

@@ -63,7 +63,8 @@ TEST(CropAndResize, MatchesReferenceOnRandomCases) {
     const float extr = g.uniform(-40000, 40000);
     const unsigned cw = g.range(1, 6), ch = g.range(1, 6);
     std::vector<float> boxes(4 * g.range(1, 3));
-    for (size_t b = 0; b < boxes.size(); b += 4) ref::random_box(g, float(m.w), float(m.h), &boxes[b]);
+    for (size_t b = 0; b < boxes.size(); b += 4)
+      ref::random_box(g, float(m.w), float(m.h), &boxes[b]);
     const crop_result want = reference(m, sx, sy, extr, boxes, cw, ch);
     for (bilinear_kernel k : {bilinear_kernel::vector, bilinear_kernel::scalar})
       expect_same(crop(k, m, sx, sy, extr, boxes, cw, ch), want, "iter " + std::to_string(iter));
@@ -144,8 +145,8 @@ TEST(CropAndResize, BadInputIsRefusedWithNothingWritten) {
   EXPECT_EQ(text, format("Invalid proposal or roi_result: %p, %p\n", static_cast<void*>(nullptr),
                          static_cast<void*>(out.data())));
   EXPECT_EQ(run(map.data(), box.data(), 1, 16, nullptr, &text), -1);
-  EXPECT_EQ(text, format("Invalid proposal or roi_result: %p, %p\n",
-                         static_cast<void*>(box.data()), static_cast<void*>(nullptr)));
+  EXPECT_EQ(text, format("Invalid proposal or roi_result: %p, %p\n", static_cast<void*>(box.data()),
+                         static_cast<void*>(nullptr)));
   for (unsigned ch : {0u, 8u, 24u}) {
     EXPECT_EQ(run(map.data(), box.data(), 1, ch, out.data(), &text), -1);
     EXPECT_EQ(text, format("Invalid channel: %u, should be multiple 16\n", ch));
@@ -159,7 +160,7 @@ TEST(CropAndResize, DegenerateMapsAndBoxes) {
   rng g(8);
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float inf = std::numeric_limits<float>::infinity();
-  std::vector<float> boxes = {nan, 0, 1, 1, 0, 0, inf, 1, -inf, -inf, inf, inf,
+  std::vector<float> boxes = {nan, 0, 1, 1, 0,      0, inf,   1, -inf, -inf, inf,  inf,
                               0,   0, 1, 1, -1e30f, 0, 1e30f, 1, 0.2f, 0.3f, 0.7f, 0.9f};
   // One-column / one-row maps (W - 1 = 0: finite boxes sample column 0 or
   // row 0), NaN and infinite boxes: same values and lines as the reference.

@@ -51,7 +51,8 @@ ps_case random_case(rng& g) {
     float x1 = g.uniform(-iw / 2, iw), y1 = g.uniform(-ih / 2, ih);
     float x2 = x1 + g.uniform(-iw / 4, iw), y2 = y1 + g.uniform(-ih / 4, ih);
     if (g.range(0, 2) == 0) {  // halves: rounding ties
-      x1 = floorf(x1) + 0.5f, y1 = floorf(y1) + 0.5f, x2 = floorf(x2) + 0.5f, y2 = floorf(y2) + 0.5f;
+      x1 = floorf(x1) + 0.5f, y1 = floorf(y1) + 0.5f, x2 = floorf(x2) + 0.5f,
+      y2 = floorf(y2) + 0.5f;
     }
     c.boxes.insert(c.boxes.end(), {x1, y1, x2, y2});
   }
@@ -65,8 +66,14 @@ ps_case random_case(rng& g) {
 // and the double-precision end of the scaled box, which for coordinates
 // below 2^24 rounds like the float product.)
 enum class arith {
-  exact, height_fused, width_unfused, offset_unfused,
-  start_unfused, end_unfused, start_shift_in_fma, end_shift_in_fma,  // bin bounds
+  exact,
+  height_fused,
+  width_unfused,
+  offset_unfused,
+  start_unfused,
+  end_unfused,
+  start_shift_in_fma,
+  end_shift_in_fma,  // bin bounds
   count
 };
 
@@ -94,9 +101,9 @@ std::vector<bin_bounds> bounds(const ps_case& c, int r, arith v = arith::exact) 
     start_w = s * roundf(b[0]);
     start_h = s * roundf(b[1]);
     width = v == arith::width_unfused ? s * (roundf(b[2]) + 1) - start_w
-                                       : fmaf(s, roundf(b[2]) + 1, -start_w);
+                                      : fmaf(s, roundf(b[2]) + 1, -start_w);
     height = v == arith::height_fused ? fmaf(roundf(b[3]) + 1, s, -start_h)
-                                       : (roundf(b[3]) + 1) * s - start_h;
+                                      : (roundf(b[3]) + 1) * s - start_h;
   } else {
     const float a = (b[2] - b[0]) * c.roi_scale * 0.5f, bb = (b[3] - b[1]) * c.roi_scale * 0.5f;
     const float X1 = fmaf(b[0] + b[2], 0.5f, -a), X2 = fmaf(b[0] + b[2], 0.5f, a);
@@ -177,11 +184,11 @@ ps_result run(const ps_case& c, ps_path path, int channels_arg = -1, int pooled_
   ps_result r;
   r.out.assign(c.out_floats() + kGuard, kPoison);
   const int channels = channels_arg >= 0 ? channels_arg : c.group * c.group * c.out_channels;
-  ol::ps_roi_args a{c.fmap.data(), c.fmap_w,      c.fmap_h,        channels,
-                    c.fmap_pitch,  c.boxes.data(), c.roi_num(),    r.out.data(),
-                    c.group,       pooled_h >= 0 ? pooled_h : c.group, c.out_channels, c.out_pitch,
-                    c.spatial_scale, c.group,     c.scaled,        c.roi_scale,
-                    c.shift,       c.stride};
+  ol::ps_roi_args a{
+      c.fmap.data(),  c.fmap_w,    c.fmap_h,        channels, c.fmap_pitch,
+      c.boxes.data(), c.roi_num(), r.out.data(),    c.group,  pooled_h >= 0 ? pooled_h : c.group,
+      c.out_channels, c.out_pitch, c.spatial_scale, c.group,  c.scaled,
+      c.roi_scale,    c.shift,     c.stride};
   stdout_capture cap;
   r.ret = ol::ps_roi_pooling_run(a, path);
   r.text = cap.end();
@@ -192,9 +199,9 @@ ps_result run(const ps_case& c, ps_path path, int channels_arg = -1, int pooled_
 int call_exported(const ps_case& c, float* out) {
   const int channels = c.group * c.group * c.out_channels;
   if (!c.scaled)
-    return ps_roi_pooling(c.fmap.data(), c.fmap_w, c.fmap_h, channels, c.fmap_pitch,
-                          c.boxes.data(), c.roi_num(), out, c.group, c.group, c.out_channels,
-                          c.out_pitch, c.spatial_scale, c.group);
+    return ps_roi_pooling(c.fmap.data(), c.fmap_w, c.fmap_h, channels, c.fmap_pitch, c.boxes.data(),
+                          c.roi_num(), out, c.group, c.group, c.out_channels, c.out_pitch,
+                          c.spatial_scale, c.group);
   return ps_roi_pooling_scale(c.fmap.data(), c.fmap_w, c.fmap_h, channels, c.fmap_pitch,
                               c.boxes.data(), c.roi_num(), out, c.group, c.group, c.out_channels,
                               c.out_pitch, c.spatial_scale, c.group, c.roi_scale, c.shift,
@@ -205,8 +212,8 @@ void expect_bits(const std::vector<float>& got, const std::vector<float>& want,
                  const std::string& what) {
   ASSERT_EQ(got.size(), want.size());
   for (size_t i = 0; i < got.size(); ++i)
-    ASSERT_TRUE(same_bits(got[i], want[i])) << what << " float " << i << ": " << got[i] << " vs "
-                                            << want[i];
+    ASSERT_TRUE(same_bits(got[i], want[i]))
+        << what << " float " << i << ": " << got[i] << " vs " << want[i];
 }
 
 void check_case(const ps_case& c, const std::string& what) {
@@ -269,7 +276,8 @@ TEST(PsRoiPooling, NearIntegerBoundsPinTheRounding) {
     bool run = iter % 40 == 0;
     for (int v = 1; v < int(arith::count); ++v) {
       bool moves = false;
-      for (int r = 0; r < c.roi_num(); ++r) moves = moves || !(bounds(c, r, arith(v)) == bounds(c, r));
+      for (int r = 0; r < c.roi_num(); ++r)
+        moves = moves || !(bounds(c, r, arith(v)) == bounds(c, r));
       if (moves && caught[v][c.scaled] < 4) ++caught[v][c.scaled], run = true;
     }
     if (!run) continue;
@@ -278,7 +286,8 @@ TEST(PsRoiPooling, NearIntegerBoundsPinTheRounding) {
     check_case(c, "near-integer " + std::to_string(iter));
   }
   // Each variant is caught on the form it applies to.
-  for (arith v : {arith::height_fused, arith::width_unfused, arith::start_unfused, arith::end_unfused})
+  for (arith v :
+       {arith::height_fused, arith::width_unfused, arith::start_unfused, arith::end_unfused})
     EXPECT_GT(caught[int(v)][0], 0) << "plain, variant " << int(v);
   for (arith v : {arith::offset_unfused, arith::start_unfused, arith::end_unfused,
                   arith::start_shift_in_fma, arith::end_shift_in_fma})
@@ -362,9 +371,12 @@ TEST(PsRoiPooling, RoundingMinimumWidthAndOutsideBoxes) {
   // Boxes wholly outside the map, and NaN / infinite boxes: zeros.
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float inf = std::numeric_limits<float>::infinity();
-  for (std::vector<float> box : std::vector<std::vector<float>>{
-           {100, 100, 200, 200}, {-50, -50, -20, -20}, {nan, 0, 5, 5}, {0, 0, inf, inf},
-           {-inf, -inf, inf, inf}, {1e30f, 1e30f, 2e30f, 2e30f}}) {
+  for (std::vector<float> box : std::vector<std::vector<float>>{{100, 100, 200, 200},
+                                                                {-50, -50, -20, -20},
+                                                                {nan, 0, 5, 5},
+                                                                {0, 0, inf, inf},
+                                                                {-inf, -inf, inf, inf},
+                                                                {1e30f, 1e30f, 2e30f, 2e30f}}) {
     std::vector<float> out = pooled(box);
     c.boxes = box;
     check_case(c, "degenerate");
@@ -390,14 +402,15 @@ TEST(PsRoiPooling, ChecksAndMessages) {
   // Through the exported functions too.
   std::vector<float> out(c.out_floats(), kPoison);
   stdout_capture cap;
-  EXPECT_EQ(ps_roi_pooling(c.fmap.data(), c.fmap_w, c.fmap_h, 1000, 21, c.boxes.data(),
-                           c.roi_num(), out.data(), 7, 7, 21, 21, 0.0625f, 7),
+  EXPECT_EQ(ps_roi_pooling(c.fmap.data(), c.fmap_w, c.fmap_h, 1000, 21, c.boxes.data(), c.roi_num(),
+                           out.data(), 7, 7, 21, 21, 0.0625f, 7),
             -1);
   EXPECT_EQ(ps_roi_pooling_scale(c.fmap.data(), c.fmap_w, c.fmap_h, 1029, 21, c.boxes.data(),
                                  c.roi_num(), out.data(), 6, 7, 21, 21, 0.0625f, 7, 1, 1, 1),
             -1);
-  EXPECT_EQ(cap.end(), "Channels mismatch: 1000 != 1029\n"
-                       "group_size mismatch pooled width and height, 7 != 6, 7\n");
+  EXPECT_EQ(cap.end(),
+            "Channels mismatch: 1000 != 1029\n"
+            "group_size mismatch pooled width and height, 7 != 6, 7\n");
   // No boxes: 0, nothing written, nothing printed.
   c.boxes.clear();
   r = run(c, ps_path::automatic);

@@ -111,11 +111,12 @@ TEST(RoiAlign, RoundingOfTheSum) {
     short p00, p01;
     int16_t w00, w01;
     short want;
-  } cases[] = {{1, 0, 4096, 0, 1},
-               {-1, 0, 4096, 0, 0},
-               {-1, -1, 4096, 1, -1},
-               {-32768, -32768, -32768, -32768, ref::round_q13(4 * 1073741824ll)},
-               {32767, -32768, 32767, -32768, ref::round_q13(2 * 32767ll * 32767 + 2 * 1073741824ll)}};
+  } cases[] = {
+      {1, 0, 4096, 0, 1},
+      {-1, 0, 4096, 0, 0},
+      {-1, -1, 4096, 1, -1},
+      {-32768, -32768, -32768, -32768, ref::round_q13(4 * 1073741824ll)},
+      {32767, -32768, 32767, -32768, ref::round_q13(2 * 32767ll * 32767 + 2 * 1073741824ll)}};
   for (const sample& s : cases) {
     std::vector<short> a(16, s.p00), b(16, s.p01);
     ol::bilinear_taps t{a.data(), b.data(), a.data(), b.data(), s.w00, s.w01, 0, 0};
@@ -142,9 +143,9 @@ TEST(RoiAlign, LevelThresholds) {
   }
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float inf = std::numeric_limits<float>::infinity();
-  EXPECT_EQ(ol::roi_align_level(0, 0, 0, 500), 0u);        // zero area
-  EXPECT_EQ(ol::roi_align_level(500, 0, 0, 500), 0u);      // negative area
-  EXPECT_EQ(ol::roi_align_level(500, 500, 0, 0), 2u);      // both reversed: positive
+  EXPECT_EQ(ol::roi_align_level(0, 0, 0, 500), 0u);    // zero area
+  EXPECT_EQ(ol::roi_align_level(500, 0, 0, 500), 0u);  // negative area
+  EXPECT_EQ(ol::roi_align_level(500, 500, 0, 0), 2u);  // both reversed: positive
   EXPECT_EQ(ol::roi_align_level(nan, 0, 10, 10), 0u);
   EXPECT_EQ(ol::roi_align_level(0, 0, inf, 10), 2u);
 }
@@ -168,9 +169,9 @@ TEST(RoiAlign, FourLevelsMatchTheSelectedMap) {
   const unsigned n = unsigned(boxes.size() / 4), pw = 7, ph = 7;
   const size_t per_box = pw * ph * c;
   std::vector<short> got = poisoned(per_box * n);
-  ASSERT_EQ(roi_align_four_fmap_int16(maps, scales, boxes.data(), n, img_w, img_h, pw, ph, c,
-                                      got.data()),
-            0);
+  ASSERT_EQ(
+      roi_align_four_fmap_int16(maps, scales, boxes.data(), n, img_w, img_h, pw, ph, c, got.data()),
+      0);
   expect_untouched(got, per_box * n);
   for (unsigned b = 0; b < n; ++b) {
     const unsigned k = ref::level(&boxes[4 * b]);
@@ -269,8 +270,8 @@ TEST(RoiAlign, DegenerateMapsAndBoxesStayInBounds) {
   rng g(9);
   const float nan = std::numeric_limits<float>::quiet_NaN();
   const float inf = std::numeric_limits<float>::infinity();
-  std::vector<float> boxes = {nan, 0, 4, 4,    0,    nan, 4, 4,    0,  0, inf, 4,
-                              -inf, -inf, inf, inf, 1e30f, 1e30f, 2e30f, 2e30f, -1e30f, 0, 0, 1};
+  std::vector<float> boxes = {nan,  0,    4,   4,   0,     nan,   4,     4,     0,      0, inf, 4,
+                              -inf, -inf, inf, inf, 1e30f, 1e30f, 2e30f, 2e30f, -1e30f, 0, 0,   1};
   // One-row and one-column maps, and NaN / huge boxes: exact against the
   // reference (every index stays inside; ASan would flag a stray read).
   for (auto wh : {std::pair<unsigned, unsigned>{1, 1}, {1, 5}, {5, 1}, {3, 4}}) {
@@ -299,7 +300,8 @@ TEST(RoiAlign, DegenerateMapsAndBoxesStayInBounds) {
   unsigned scales[3] = {8, 20, 64};
   std::vector<float> big = {0, 0, 40, 40, 0, 0, 1000, 1000};  // levels 0 and 2
   std::vector<short> res = poisoned(2 * 4 * 16);
-  ASSERT_EQ(roi_align_four_fmap_int16(maps, scales, big.data(), 2, 40, 40, 2, 2, 16, res.data()), 0);
+  ASSERT_EQ(roi_align_four_fmap_int16(maps, scales, big.data(), 2, 40, 40, 2, 2, 16, res.data()),
+            0);
   for (size_t i = 0; i < 64; ++i) EXPECT_EQ(res[i], 7);
   for (size_t i = 64; i < 128; ++i) EXPECT_EQ(res[i], 0);
   expect_untouched(res, 128);
