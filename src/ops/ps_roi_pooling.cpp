@@ -113,10 +113,10 @@ struct bin_span {
 };
 
 // General path: sums accumulate in the (zero-filled) output cell, then are
-// divided in place.
-template <bool kVector>
+// divided in place; 4-lane vectors over the first out_channels / 4 * 4
+// channels, single floats for the rest.
 void pool_general(const bin_span& b, int channels, float* cell) {
-  const int n4 = kVector ? channels / 4 * 4 : 0;
+  const int n4 = channels / 4 * 4;
   for (int h = b.hstart; h < b.hend; ++h) {
     for (int w = b.wstart; w < b.wend; ++w) {
       const float* src = b.at(h, w);
@@ -127,6 +127,20 @@ void pool_general(const bin_span& b, int channels, float* cell) {
   const float area = b.area();
   for (int c = 0; c < n4; c += 4) store4(cell + c, load4(cell + c) / area);
   for (int c = n4; c < channels; ++c) cell[c] = cell[c] / area;
+}
+
+// Scalar twin of pool_general, one channel at a time; kept scalar (no
+// auto-vectorisation) as the baseline of the benchmarks.
+__attribute__((optimize("no-tree-vectorize"))) void pool_scalar(const bin_span& b, int channels,
+                                                                float* cell) {
+  for (int h = b.hstart; h < b.hend; ++h) {
+    for (int w = b.wstart; w < b.wend; ++w) {
+      const float* src = b.at(h, w);
+      for (int c = 0; c < channels; ++c) cell[c] += src[c];
+    }
+  }
+  const float area = b.area();
+  for (int c = 0; c < channels; ++c) cell[c] = cell[c] / area;
 }
 
 // 21 channels: five 4-lane sums and one scalar sum in registers; only the 21
@@ -185,9 +199,9 @@ void pool_box(const ps_roi_args& a, const float* box, ps_path path, bool fast, f
       if (fast) {
         pool_21(b, cell);
       } else if (path == ps_path::scalar) {
-        pool_general<false>(b, a.out_channels, cell);
+        pool_scalar(b, a.out_channels, cell);
       } else {
-        pool_general<true>(b, a.out_channels, cell);
+        pool_general(b, a.out_channels, cell);
       }
     }
   }
