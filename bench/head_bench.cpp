@@ -57,8 +57,8 @@ struct head_frame {
       float sum = 0;
       for (uint32_t c = 0; c < class_num; ++c) {
         logits[c] = r.uniform(-1.5f, 1.5f);
-        if (static_cast<int>(c) == (target < 0 ? 0 : target)) logits[c] += r.uniform(3, 7);
-        if (target >= 0 && c == 0) logits[c] += r.uniform(0, 4);
+        if (static_cast<int>(c) == (target < 0 ? 0 : target)) logits[c] += r.uniform(4, 8);
+        if (target >= 0 && c == 0) logits[c] += r.uniform(0, 5);
         logits[c] = expf(logits[c]);
         sum += logits[c];
       }

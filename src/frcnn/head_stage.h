@@ -90,7 +90,10 @@ struct class_nms_scratch {
   int16_t* keys;         // n + 8 ordered score keys, by sorted position
   float* coords;         // 4n: the rounded coordinates as floats
   int32_t* alive;        // n proposals still to be tested against kept boxes
+  float* alive_box;      // 5 rows of alive_stride floats: x1 y1 x2 y2 area of
+                         // the alive list, in list order
   uint8_t* dead;         // n suppression flags, by proposal
+  uint32_t alive_stride;  // n rounded up to a multiple of 4
 };
 // Bytes of scratch one task needs for n proposals (the context keeps ten).
 // A multiple of 16; n above k_class_nms_max_rois counts as that maximum.

@@ -168,8 +168,8 @@ TEST(RcnnClassNms, MatchesScalarTwin) {
     p.no_bg = r.next() & 1;
     const float ious[] = {0.3f, 0.5f, 0.7f, 1.0f, 0.0f, -1.0f};
     p.iou = ious[r.next() % 6];
-    const float probs[] = {0.05f, 0.0f, 0.5f, -1.0f, 0.3f};
-    p.cls_prob = probs[r.next() % 5];
+    const float probs[] = {0.05f, 0.0f, 0.5f, -1.0f, 0.3f, 1e-7f, -INFINITY, 70000.0f};
+    p.cls_prob = probs[r.next() % 8];
     const bool nan_scores = r.next() % 5 == 0;
     if (r.next() % 40 == 0) p.cls_prob = NAN;
     for (uint32_t i = 0; i < n; ++i) {
@@ -183,6 +183,10 @@ TEST(RcnnClassNms, MatchesScalarTwin) {
         if (r.next() % 50 == 0) b[r.next() % 4] = NAN;
         if (r.next() % 80 == 0) b[r.next() % 4] = (r.next() & 1) ? INFINITY : -1e6f;
         uint16_t s = (r.next() % 3) ? h(grid_scores[r.next() % 8]) : h(r.uniform(0, 1));
+        if (r.next() % 10 == 0) {  // any half, even a subnormal or infinite one
+          s = static_cast<uint16_t>(r.next());
+          if ((s & 0x7FFF) > 0x7C00) s &= 0xFC00;
+        }
         if (nan_scores && r.next() % 8 == 0) s = (r.next() & 1) ? 0x7E00 : 0xFE01;
         p.scores[static_cast<size_t>(i) * p.pitch + c] = s;
       }
