@@ -157,3 +157,33 @@ BENCHMARK(BM_class_nms_scalar_twin)->Args({21, 50})->Args({81, 50})->Args({21, 0
     ->Unit(benchmark::kMicrosecond);
 
 }  // namespace
+
+namespace {
+
+// Box decode of every proposal on the calling thread (no pool), against the
+// scalar twin. args: classes
+void BM_bbox_decode_kernel(benchmark::State& state) {
+  head_frame fr(static_cast<uint32_t>(state.range(0)));
+  for (auto _ : state) {
+    for (uint32_t i = 0; i < fr.n; ++i)
+      ol::rcnn_bbox_decode(&fr.nms_out[4 * i], &fr.rcnn_bbox[static_cast<size_t>(i) * fr.bbox_pitch],
+                           &fr.rcnn_boxes[4 * static_cast<size_t>(i) * fr.classes], 600, 1000,
+                           fr.classes, 0, 0, 0, nullptr, 0);
+    benchmark::DoNotOptimize(fr.rcnn_boxes.data());
+  }
+}
+BENCHMARK(BM_bbox_decode_kernel)->Arg(21)->Arg(81)->Unit(benchmark::kMicrosecond);
+
+void BM_bbox_decode_scalar_twin(benchmark::State& state) {
+  head_frame fr(static_cast<uint32_t>(state.range(0)));
+  for (auto _ : state) {
+    for (uint32_t i = 0; i < fr.n; ++i)
+      ol_ref::bbox_decode(&fr.nms_out[4 * i], &fr.rcnn_bbox[static_cast<size_t>(i) * fr.bbox_pitch],
+                          &fr.rcnn_boxes[4 * static_cast<size_t>(i) * fr.classes], 600, 1000,
+                          fr.classes, false, 0, nullptr, false);
+    benchmark::DoNotOptimize(fr.rcnn_boxes.data());
+  }
+}
+BENCHMARK(BM_bbox_decode_scalar_twin)->Arg(21)->Arg(81)->Unit(benchmark::kMicrosecond);
+
+}  // namespace
