@@ -109,6 +109,48 @@ BENCHMARK(pipeline_step)
     ->Unit(benchmark::kMicrosecond)
     ->UseRealTime();
 
+// A whole VGG16 frame: proposals, ROI pooling of a 512-channel map, then the
+// detection head on second-stage outputs for 21 classes.
+void pipeline_frame(benchmark::State& state) {
+  pipeline p(make_desc(vgg16, state.range(0), state.range(1), 0));
+  const frcnn_desc& d = p.desc;
+  std::vector<uint16_t> fmap(static_cast<size_t>(d.fmap_d) * d.fmap_h * d.fmap_w);
+  for (size_t i = 0; i < fmap.size(); ++i) fmap[i] = static_cast<uint16_t>(i * 2654435761u >> 16);
+  std::vector<uint16_t> roi_result(static_cast<size_t>(d.post_nms_num) * d.pool_h * d.pool_w *
+                                   d.fmap_d);
+  std::vector<uint16_t> rcnn_cls(static_cast<size_t>(d.post_nms_num) * d.rcnn_cls_pitch);
+  std::vector<uint16_t> rcnn_bbox(static_cast<size_t>(d.post_nms_num) * d.rcnn_bbox_pitch);
+  std::vector<uint16_t> rcnn_result(d.class_num + 5 * d.post_nms_num * d.class_num);
+  uint32_t seed = 1;
+  for (uint32_t r = 0; r < d.post_nms_num; ++r) {
+    // Mostly background; a few classes above cls_prob.
+    for (uint32_t c = 0; c < d.class_num; ++c) {
+      seed = seed * 1664525u + 1013904223u;
+      const float prob = c == 0 ? 0.6f : (seed >> 8) * (1.0f / 16777216.0f) * 0.12f;
+      rcnn_cls[r * d.rcnn_cls_pitch + c] = opt_layers_half::from_float_round(prob);
+    }
+    for (uint32_t k = 0; k < d.rcnn_bbox_pitch; ++k) {
+      seed = seed * 1664525u + 1013904223u;
+      rcnn_bbox[r * d.rcnn_bbox_pitch + k] =
+          opt_layers_half::from_float_round(((seed >> 8) * (1.0f / 16777216.0f) - 0.5f) * 0.2f);
+    }
+  }
+  for (auto _ : state) {
+    const int rois = opt_layers_instance_frcnn_pre_nms_roi(
+        p.h, hp(p.frame.cls), hp(p.frame.bbox), fmap.data(), roi_result.data(), hp(p.nms_out));
+    opt_layers_instance_frcnn_post_nms(p.h, hp(rcnn_cls), hp(rcnn_bbox), hp(p.nms_out),
+                                       hp(rcnn_result), static_cast<unsigned>(rois));
+  }
+  state.SetLabel(state.range(1) ? "qsort" : "hist");
+}
+BENCHMARK(pipeline_frame)
+    ->Args({1, 0})
+    ->Args({2, 0})
+    ->Args({1, 1})
+    ->Args({2, 1})
+    ->Unit(benchmark::kMillisecond)
+    ->UseRealTime();
+
 void pipeline_init_exit(benchmark::State& state) {
   std::vector<float> anchors = ol_test::base_anchors_9();
   frcnn_desc d = ol_test::vgg16_desc(static_cast<uint8_t>(state.range(1)), state.range(0));
