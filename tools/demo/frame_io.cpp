@@ -139,7 +139,9 @@ class config_reader {
   std::string path_;
 };
 
-void parse_config(const std::string& path, uint8_t default_threads, frame* f) {
+}  // namespace
+
+void read_config(const std::string& path, uint8_t default_threads, frame* f) {
   std::ifstream in(path, std::ios::binary);
   if (!in) {
     if (!std::filesystem::exists(path)) throw demo_error(path + ": missing file");
@@ -262,6 +264,8 @@ void parse_config(const std::string& path, uint8_t default_threads, frame* f) {
   }
 }
 
+namespace {
+
 // ---- arrays ------------------------------------------------------------
 
 std::string shape_text(const std::vector<uint64_t>& s) {
@@ -303,7 +307,12 @@ bool exists(const std::string& path) {
 
 // ---- writing config.json -------------------------------------------------
 
-std::string num(float v) { return json(short_double(v)).dump(); }
+// Integral values print without a fraction (-84, not -84.0).
+std::string num(float v) {
+  if (v == truncf(v) && fabsf(v) < 1e9f && !(v == 0.0f && std::signbit(v)))
+    return std::to_string(static_cast<long long>(v));
+  return json(short_double(v)).dump();
+}
 
 }  // namespace
 
@@ -353,7 +362,7 @@ frame load_frame_dir(const std::string& dir, uint8_t default_threads) {
   }
   frame f;
   f.source = dir;
-  parse_config(join(dir, "config.json"), default_threads, &f);
+  read_config(join(dir, "config.json"), default_threads, &f);
   const frcnn_desc& d = f.desc;
 
   const uint32_t planes = rpn_cls_planes(d);

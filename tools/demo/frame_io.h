@@ -31,6 +31,10 @@ namespace ol_demo {
 // thread_num is taken from the config when present, else default_threads.
 frame load_frame_dir(const std::string& dir, uint8_t default_threads);
 
+// Reads config.json alone into f (desc, base anchors, class names, ground
+// truth). Throws demo_error naming the file and the fault.
+void read_config(const std::string& path, uint8_t default_threads, frame* f);
+
 // Checks a configuration for what the demo and the library need (sizes,
 // pitches, limits); throws demo_error prefixed with `where`.
 void check_desc(const frcnn_desc& d, const std::string& where);

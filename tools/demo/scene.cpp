@@ -221,11 +221,14 @@ void make_rpn_outputs(const scene& s, const frcnn_desc& d, const std::vector<flo
           (*rpn_cls)[a * cls_plane + at] = from_float_round(1.0f - fg);
           (*rpn_cls)[(A + a) * cls_plane + at] = from_float_round(fg);
         }
-        // Anchors that touch an object regress onto it; the others stay
-        // where they are.
+        // Anchors that overlap an object by half or more regress onto it;
+        // those with less overlap move part of the way (none below 0.1), so
+        // the proposals spread around the objects as a trained network's do.
         float delta[4] = {0, 0, 0, 0};
-        if (m.iou >= 0.1f) inverse_decode(ax1, ay1, ax2, ay2, s.objects[m.object], delta);
-        for (int k = 0; k < 4; ++k) delta[k] += 0.03f * noise(k_rpn_delta, a * 4 + k, y, x);
+        const float pull = std::min(1.0f, std::max(0.0f, (m.iou - 0.1f) / 0.4f));
+        if (pull > 0.0f) inverse_decode(ax1, ay1, ax2, ay2, s.objects[m.object], delta);
+        for (int k = 0; k < 4; ++k)
+          delta[k] = pull * delta[k] + 0.03f * noise(k_rpn_delta, a * 4 + k, y, x);
         store_deltas(delta, d.bbox_type,
                      &(*rpn_bbox)[4 * a * box_plane + static_cast<size_t>(y) * d.fmap_pitch + x],
                      box_plane);
