@@ -428,6 +428,21 @@ TEST(demo_command, bundled_run_prints_and_draws) {
   EXPECT_NE(again.out.find("comparison sort"), std::string::npos);
 }
 
+TEST(demo_command, input_without_rois_dumps_the_pipelines_rois) {
+  const bundled& b = bundled_run();
+  const std::string dir = copy_of_frame_dir();
+  fs::remove(dir + "/rois.npy");
+  fs::remove(dir + "/image.npy");
+  const run_output r = run_demo(
+      {"--input", dir, "--frames", "1", "--out", dir + "/p.png", "--dump", dir + "/again"});
+  ASSERT_EQ(r.status, 0) << r.err;
+  const npy_array rois = npy_read(dir + "/again/rois.npy");
+  ASSERT_EQ(rois.data.size(), b.f.rois.size() * 2);
+  EXPECT_EQ(memcmp(rois.data.data(), b.f.rois.data(), rois.data.size()), 0);
+  EXPECT_FALSE(fs::exists(dir + "/again/image.npy"));
+  EXPECT_TRUE(fs::exists(dir + "/p.png"));
+}
+
 TEST(demo_command, picture_marks_detections) {
   const bundled& b = bundled_run();
   const evaluation e = evaluate(b.result.detections, b.f.ground_truth, 0.5f);
@@ -447,6 +462,22 @@ TEST(demo_command, picture_marks_detections) {
     EXPECT_EQ(p[2], 0);
   }
   EXPECT_EQ(img.pixels[(300 * 1000 + 5) * 3], b.f.image.pixels[(300 * 1000 + 5) * 3]);
+
+  // Names from a user's config may hold any bytes; boxes any coordinates.
+  frame f = b.f;
+  f.class_names = {"bg", "caf\xC3\xA9", std::string("tab\tnul\0x", 9), "\x7F\x80\xFF", ""};
+  f.image = rgb_image();
+  f.ground_truth.push_back({1, -1e30f, NAN, 1e30f, 5e9f});
+  std::vector<detection> dets = b.result.detections;
+  dets.push_back({4, 0.9f, -5.0f, -7.0f, 2000.0f, 1e20f});
+  const evaluation e2 = evaluate(dets, f.ground_truth, 0.5f);
+  in.f = &f;
+  in.detections = &dets;
+  in.eval = &e2;
+  in.caption = std::string(400, 'x') + "\xE2\x9C\x93";
+  const rgb_image odd = draw_picture(in);
+  EXPECT_EQ(odd.width, 1000);
+  EXPECT_EQ(odd.height, 600);
 }
 
 TEST(demo_command, options_and_usage) {

@@ -130,6 +130,11 @@ frame_result run_frame(pipeline& p, frame& f) {
     throw demo_error(f.source + strf("/rcnn_cls.npy: holds %u ROI rows but the pipeline "
                                      "produced %u ROIs (run the second stage on those ROIs)",
                                      f.rcnn_rows, res.rois));
+  if (!f.have_rois) {
+    // Keep the ROIs with the outputs they belong to (for --dump).
+    f.rois.assign(rois, rois + 4 * static_cast<size_t>(res.rois));
+    f.have_rois = true;
+  }
   p.second_stage(f, res.rois);
   res.detections = p.detections();
   return res;

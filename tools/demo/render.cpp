@@ -62,10 +62,19 @@ class canvas {
       }
   }
 
+  // The font covers printable ASCII only (it indexes its table by the
+  // character): anything else is drawn as '?'.
+  static std::string printable(const std::string& s) {
+    std::string t = s;
+    for (char& ch : t)
+      if (ch < 32 || ch > 126) ch = '?';
+    return t;
+  }
+
   // Text at (x, y) (top left), scaled; returns the width in pixels.
   int text(int x, int y, const std::string& s, rgb c, int scale) {
     static char buffer[60000];
-    std::string copy = s;
+    std::string copy = printable(s);
     const int quads = stb_easy_font_print(0, 0, &copy[0], nullptr, buffer, sizeof buffer);
     for (int q = 0; q < quads; ++q) {
       const float* v = reinterpret_cast<const float*>(buffer + q * 64);
@@ -85,7 +94,7 @@ class canvas {
   }
 
   static int text_width(const std::string& s, int scale) {
-    std::string copy = s;
+    std::string copy = printable(s);
     return stb_easy_font_width(&copy[0]) * scale;
   }
 
