@@ -1,6 +1,7 @@
 #include "demo/scene.h"
 
 #include <math.h>
+#include <stdlib.h>
 #include <string.h>
 
 #include <algorithm>
