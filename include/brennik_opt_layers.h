@@ -336,12 +336,31 @@ OPT_LAYERS_API int roi_pooling_sign(half_float::half* proposal, unsigned short* 
 // (y*W + x)*channel + c, channel a non-zero multiple of 16), one bilinear
 // sample per cell centre with Q13 weights. Boxes are 4 floats in image
 // pixels. Output per box: pool_h*pool_w*channel shorts. Returns 0 or -1.
+// fmap_scale is the stride (image pixels per map cell). No heap allocation;
+// a few KiB of stack whatever pool_w and pool_h.
+// Degenerate input:
+//  * a map with W or H = 0 has nothing to sample: each box's output is 0
+//    and the map is not read;
+//  * a map of one column (row) uses that column (row) for both taps;
+//  * samples far outside the map (more than about a cell, as from boxes
+//    that are not clipped to the image) give weights beyond 16 bits: each
+//    weight is truncated toward zero and then saturated to
+//    [-32768, 32767], and the 32-bit sum wraps; the output is defined but
+//    is no longer an extrapolation of the map;
+//  * NaN or infinite coordinates never index outside the map: a NaN
+//    position uses column (row) 0 and weight 0, so a NaN box gives 0.
 OPT_LAYERS_API int roi_align_fmap_int16(short* fmap, unsigned int fmap_scale, float* proposal,
                                         unsigned int roi_num, unsigned int fmap_w,
                                         unsigned int fmap_h, unsigned int pool_w,
                                         unsigned int pool_h, unsigned int channel,
                                         short* roi_result);
-// As above over three pyramid levels; each box picks its level from its size.
+// As above over three pyramid levels; each box picks its level from its size:
+// clamp(floor(log2(sqrt(area) / 224 + 1e-6) + 1), 0, 2), so below 224
+// pixels level 0, below 448 level 1, else level 2; a box of negative or NaN
+// area takes level 0. Level k's map has img_w / fmap_scale[k] columns and
+// img_h / fmap_scale[k] rows; a level with no row or column gives 0 for the
+// boxes that select it. A NULL fmap or fmap_scale array is reported like
+// three NULL pointers or three zero strides.
 OPT_LAYERS_API int roi_align_four_fmap_int16(short** fmap, unsigned int* fmap_scale,
                                              float* proposal, unsigned int roi_num,
                                              unsigned int img_w, unsigned int img_h,
@@ -351,6 +370,20 @@ OPT_LAYERS_API int roi_align_four_fmap_int16(short** fmap, unsigned int* fmap_sc
 // Crop and resize (edge-to-edge bilinear sampling) on the map layout of
 // roi_align_fmap_int16; samples outside the map take extrapolation_value
 // truncated to its low 16 bits. Returns 0 or -1.
+// Box coordinates are multiplied by scale_x / scale_y and divided by the map
+// width / height, so 0 and 1 are the first and last column or row. Every
+// element written for an outside sample prints one line: "extr y" for an
+// output row outside the map, "extr x, <x>" for a position outside it.
+// Degenerate input:
+//  * the extrapolation value is reduced exactly modulo 2^16 after
+//    truncation whatever its size; NaN and infinities give 0;
+//  * a map with W or H = 0 has no inside: every element is the
+//    extrapolation value with its "extr y" line, and the map is not read;
+//  * a map of one column (row) has W - 1 = 0: every finite position is 0,
+//    inside, and reproduces that column (row);
+//  * a NaN position is not outside by the comparisons above: it reads
+//    column (row) 0 with weight 0, so the samples that use it give 0. No
+//    coordinate, NaN or infinite, indexes outside the map.
 OPT_LAYERS_API int crop_and_resize_fmap_int16(short* fmap, float scale_x, float scale_y,
                                               float extrapolation_value, float* proposal,
                                               unsigned int roi_num, unsigned int fmap_w,
@@ -359,6 +392,20 @@ OPT_LAYERS_API int crop_and_resize_fmap_int16(short* fmap, float scale_x, float 
                                               short* roi_result);
 
 // Position-sensitive average ROI pooling on float maps. Returns 0 or -1.
+// Map: group_size^2 blocks of fmap_h x fmap_w positions of fmap_pitch
+// floats; output: per box group_size^2 cells of out_pitch floats, of which
+// the first out_channels are written (with out_channels = 21, floats 21 ..
+// out_pitch - 1 of non-empty cells keep their contents; otherwise the whole
+// output region is zeroed first). channels is only checked against
+// group_size^2 * out_channels. fmap_pitch and out_pitch must not be below
+// out_channels (not checked); an output region that is empty (a zero or
+// negative out_pitch or pooled size) is left alone, and a negative
+// fmap_pitch is read as an empty map. Bins clamped to nothing, boxes
+// outside the map, maps with no row or column and NaN coordinates give
+// zeros; no coordinate indexes outside the map.
+// ps_roi_pooling_scale first scales each box by roi_scale about its centre,
+// moves every bin back by (bin_shift_factor - 1) / 2 bins and spaces the
+// bins bin_stride_factor bins apart.
 OPT_LAYERS_API int ps_roi_pooling(const float* fmap, int fmap_w, int fmap_h, int channels,
                                   int fmap_pitch, const float* proposal, int roi_num,
                                   float* roi_result, int pooled_w, int pooled_h, int out_channels,

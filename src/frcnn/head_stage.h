@@ -57,8 +57,9 @@ struct rcnn_decode_task {
 
 int32_t rcnn_decode_task_func(void* record);
 
-// Decodes one proposal into its C slots; 0, or -1 for an unsupported
-// bbox_type ("Unsupported bbox type: %u\n", nothing written).
+// Decodes one proposal into its C slots (class_num, or class_num - 1 without
+// a background delta set; none when class_num is 0); 0, or -1 for an
+// unsupported bbox_type ("Unsupported bbox type: %u\n", nothing written).
 int rcnn_bbox_decode(const uint16_t* proposal, const uint16_t* rcnn_bbox, float* boxes,
                      uint32_t img_h, uint32_t img_w, uint32_t class_num, uint32_t share_location,
                      uint32_t bbox_type, uint32_t apply_scale_factor,
@@ -74,16 +75,31 @@ void frcnn_rcnn_decode(thread_pool* pool, rcnn_decode_task* records, const uint1
 // ---- class suppression: exactly ten tasks over the classes ----------------
 constexpr uint32_t k_class_nms_tasks = 10;
 
-// Working arrays of one class-suppression task for up to n proposals.
+// Largest proposal count one class suppression handles: the count of
+// candidates still in play is a signed 16-bit value. Larger counts are
+// clamped to it (the proposals beyond are ignored).
+constexpr uint32_t k_class_nms_max_rois = 32767;
+
+// Working arrays of one class-suppression task for up to n proposals. Every
+// array starts on a 16-byte boundary.
 struct class_nms_scratch {
-  uint16_t* candidates;  // n records of 5 halves
-  uint16_t* scores;      // n halves
-  float* areas;          // n
-  int32_t* order;        // n
+  uint16_t* candidates;  // n records of 5 halves (x1 y1 x2 y2 rounded, score)
+  uint16_t* scores;      // n halves, by proposal
+  float* areas;          // n, by proposal
+  int32_t* order;        // n proposal numbers, by sorted position
+  int16_t* keys;         // n + 8 ordered score keys, by sorted position
+  float* coords;         // 4n: the rounded coordinates as floats
+  int32_t* alive;        // n proposals still to be tested against kept boxes
+  float* alive_box;      // 5 rows of alive_stride floats: x1 y1 x2 y2 area of
+                         // the alive list, in list order
+  uint8_t* dead;         // n suppression flags, by proposal
+  uint32_t alive_stride;  // n rounded up to a multiple of 4
 };
 // Bytes of scratch one task needs for n proposals (the context keeps ten).
+// A multiple of 16; n above k_class_nms_max_rois counts as that maximum.
 uint32_t class_nms_scratch_bytes(uint32_t n);
 // Carves a scratch block of class_nms_scratch_bytes(n) bytes into arrays.
+// The block needs no particular alignment.
 class_nms_scratch class_nms_scratch_at(void* block, uint32_t n);
 
 struct rcnn_nms_task {
@@ -107,14 +123,21 @@ struct rcnn_nms_task {
 
 int32_t rcnn_nms_task_func(void* record);
 
+// Classes [*start, *end) of task t (0 .. 9) for class_num >= 1: ten ranges of
+// (class_num - 1) / 10 classes from class 1 on, the last one also taking the
+// remainder.
+void class_nms_task_range(uint32_t class_num, uint32_t t, uint32_t* start, uint32_t* end);
+
 int rcnn_class_nms(uint16_t* rcnn_result, uint16_t* class_dets, const float* rcnn_boxes,
                    const uint16_t* rcnn_cls, uint32_t class_start, uint32_t class_end,
                    uint32_t class_num, uint32_t rcnn_cls_pitch, uint32_t n,
                    uint32_t post_nms_num, uint32_t no_bg_bbox, float post_nms_iou,
                    float cls_prob, const class_nms_scratch& scratch);
 
-// scratch: ten blocks of class_nms_scratch_bytes(n_max) bytes, one per task,
-// block_bytes apart.
+// scratch: ten blocks of class_nms_scratch_bytes(post_nms_num) bytes, one
+// per task, block_bytes apart. Writes rcnn_result[0] = 0 and runs exactly ten
+// tasks over classes 1 .. class_num-1. class_num 0 writes nothing and runs no
+// task; n is limited to post_nms_num (and k_class_nms_max_rois).
 void frcnn_rcnn_nms(thread_pool* pool, uint16_t* rcnn_result, const float* rcnn_boxes,
                     const uint16_t* rcnn_cls, uint32_t class_num, uint32_t n,
                     uint32_t rcnn_cls_pitch, uint32_t post_nms_num, bool no_bg_bbox,

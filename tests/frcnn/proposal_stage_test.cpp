@@ -230,7 +230,9 @@ TEST(proposal_stage, comparison_and_histogram_paths_agree_on_distinct_scores) {
   EXPECT_EQ(a, reference_proposals(d, anchors, f));
   // Non-increasing scores, every corner inside the image.
   for (size_t i = 0; i + 5 <= a.size(); i += 5) {
-    if (i) EXPECT_GE(oh::to_float(a[i - 1]), oh::to_float(a[i + 4]));
+    if (i) {
+      EXPECT_GE(oh::to_float(a[i - 1]), oh::to_float(a[i + 4]));
+    }
     for (int j = 0; j < 4; ++j) {
       const float v = oh::to_float(a[i + j]);
       EXPECT_GE(v, 0.0f);

@@ -1,0 +1,141 @@
+// Head box decode: one clipped float box per proposal and class from the
+// second-stage deltas, one pool task per proposal.
+#include <math.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "brennik_opt_layers.h"
+#include "common/box.h"
+#include "frcnn/head_stage.h"
+
+namespace ol {
+
+namespace {
+
+using opt_layers_half::to_float;
+
+struct decode_input {
+  float x1, y1, w, h;  // proposal origin and inclusive size
+  float lx, ly;        // clip bounds (image width and height)
+  const float* scale;  // four factors, or NULL
+  uint32_t bbox_type;  // 0 or 1
+};
+
+// Decodes one delta set (four halves) into box[0..3].
+//
+// x1' = x1 + w * ((dx + 0.5) - 0.5 * ew), x2' likewise with + 0.5 * ew, all
+// in double from the float values: the inner step (dx + 0.5) -+ 0.5 * ew is
+// one fused multiply-add, the outer step t * w + x1 another, and the result
+// is rounded to float once. 0.5 * ew is exact in double, so the inner fused
+// multiply-add equals a plain double addition of that product; only the outer
+// step needs fma().
+inline void decode_set(const decode_input& in, const uint16_t* e, float* box) {
+  const float e0 = to_float(e[0]), e1 = to_float(e[1]), e2 = to_float(e[2]), e3 = to_float(e[3]);
+  float dx, dy, dw, dh;
+  if (in.bbox_type == 0) {
+    dx = e0, dy = e1, dw = e2, dh = e3;
+  } else {
+    dx = e1, dy = e0, dw = e3, dh = e2;
+  }
+  if (in.scale) {
+    dx *= in.scale[0];
+    dy *= in.scale[1];
+    dw *= in.scale[2];
+    dh *= in.scale[3];
+  }
+  const double half_ew = 0.5 * static_cast<double>(expf(dw));
+  const double half_eh = 0.5 * static_cast<double>(expf(dh));
+  const double cx = static_cast<double>(dx) + 0.5;
+  const double cy = static_cast<double>(dy) + 0.5;
+  const double w = in.w, h = in.h, x1 = in.x1, y1 = in.y1;
+  const float nx1 = static_cast<float>(fma(cx - half_ew, w, x1));
+  const float ny1 = static_cast<float>(fma(cy - half_eh, h, y1));
+  const float nx2 = static_cast<float>(fma(cx + half_ew, w, x1));
+  const float ny2 = static_cast<float>(fma(cy + half_eh, h, y1));
+  box[0] = clamp_to_image(nx1, in.lx);
+  box[1] = clamp_to_image(ny1, in.ly);
+  box[2] = clamp_to_image(nx2, in.lx);
+  box[3] = clamp_to_image(ny2, in.ly);
+}
+
+}  // namespace
+
+int rcnn_bbox_decode(const uint16_t* proposal, const uint16_t* rcnn_bbox, float* boxes,
+                     uint32_t img_h, uint32_t img_w, uint32_t class_num, uint32_t share_location,
+                     uint32_t bbox_type, uint32_t apply_scale_factor,
+                     const float* bbox_scale_factor, uint32_t no_bg_bbox) {
+  // Slots written per proposal. With no class at all there is no slot, not
+  // even slot 0 (and class_num - 1 must not wrap).
+  const uint32_t slots = class_num == 0 ? 0 : (no_bg_bbox ? class_num - 1 : class_num);
+
+  decode_input in;
+  in.x1 = to_float(proposal[0]);
+  in.y1 = to_float(proposal[1]);
+  const float x2 = to_float(proposal[2]);
+  const float y2 = to_float(proposal[3]);
+  in.w = inclusive_size(in.x1, x2);
+  in.h = inclusive_size(in.y1, y2);
+  in.lx = static_cast<float>(img_w);
+  in.ly = static_cast<float>(img_h);
+  in.scale = apply_scale_factor ? bbox_scale_factor : nullptr;
+  in.bbox_type = bbox_type;
+
+  if (share_location) {
+    if (bbox_type > 1) {
+      printf("Unsupported bbox type: %u\n", bbox_type);
+      return -1;
+    }
+    if (class_num == 0) return 0;
+    // One delta set for every class: decode slot 0 (also when no_bg_bbox
+    // leaves no slot to fill for a single class; slot 0 exists), copy it.
+    decode_set(in, rcnn_bbox, boxes);
+    for (uint32_t k = 1; k < slots; ++k) memcpy(boxes + 4 * static_cast<size_t>(k), boxes, 4 * sizeof(float));
+    return 0;
+  }
+  for (uint32_t k = 0; k < slots; ++k) {
+    if (bbox_type > 1) {
+      printf("Unsupported bbox type: %u\n", bbox_type);
+      return -1;
+    }
+    decode_set(in, rcnn_bbox + 4 * static_cast<size_t>(k), boxes + 4 * static_cast<size_t>(k));
+  }
+  return 0;
+}
+
+int32_t rcnn_decode_task_func(void* record) {
+  const rcnn_decode_task* t = static_cast<const rcnn_decode_task*>(record);
+  rcnn_bbox_decode(t->proposal, t->rcnn_bbox, t->boxes, t->img_h, t->img_w, t->class_num,
+                   t->share_location, t->bbox_type, t->apply_scale_factor, t->bbox_scale_factor,
+                   t->no_bg_bbox);
+  return 0;
+}
+
+void frcnn_rcnn_decode(thread_pool* pool, rcnn_decode_task* records, const uint16_t* nms_out,
+                       const uint16_t* rcnn_bbox, float* rcnn_boxes, uint32_t img_h,
+                       uint32_t img_w, uint32_t class_num, uint32_t rcnn_bbox_pitch, uint32_t n,
+                       bool share_location, uint32_t bbox_type, bool apply_scale_factor,
+                       const float* bbox_scale_factor, bool no_bg_bbox) {
+  if (n == 0) return;
+  for (uint32_t i = 0; i < n; ++i) {
+    rcnn_decode_task& r = records[i];
+    r.proposal = nms_out + 4 * static_cast<size_t>(i);
+    r.rcnn_bbox = rcnn_bbox + static_cast<size_t>(i) * rcnn_bbox_pitch;
+    r.boxes = rcnn_boxes + 4 * (static_cast<size_t>(i) * class_num);
+    r.img_h = img_h;
+    r.img_w = img_w;
+    r.class_num = class_num;
+    r.rcnn_bbox_pitch = rcnn_bbox_pitch;
+    r.share_location = share_location ? 1 : 0;
+    r.bbox_type = bbox_type;
+    r.apply_scale_factor = apply_scale_factor ? 1 : 0;
+    r.bbox_scale_factor = bbox_scale_factor;
+    r.no_bg_bbox = no_bg_bbox ? 1 : 0;
+    r.task.func = rcnn_decode_task_func;
+    r.task.arg = &r;
+    r.task.retval = 0;
+    r.index = i;
+  }
+  dispatch_tasks(pool, records, n, on_refused::skip);
+}
+
+}  // namespace ol

@@ -1,0 +1,579 @@
+// ROI align and crop-and-resize on signed 16-bit channel-innermost maps.
+//
+// Both operators resample a grid of positions out of the map by bilinear
+// interpolation in Q13 fixed point. Per box they build a column table and a
+// row table (source offsets and weights per output column and row), then for
+// each output position turn the two weight pairs into four 16-bit weights
+// and run the channel kernel: 16 channels per step, 32-bit widening
+// multiply-accumulates, one rounding narrowing shift by 13.
+//
+// The tables live on the stack in fixed chunks of kTableChunk entries, so a
+// call uses a few KiB of stack whatever the grid size; grids wider or taller
+// than a chunk rebuild their tables chunk by chunk, keeping the output order
+// (rows outer, columns inner) and the exact sequence of float position sums.
+#include <math.h>
+#include <stdio.h>
+#include <string.h>
+
+#include "brennik_opt_layers.h"
+#include "ops/roi_align_kernels.h"
+
+#if defined(__aarch64__)
+#include <arm_neon.h>
+#endif
+
+namespace ol {
+namespace {
+
+typedef int16_t i16x8 __attribute__((vector_size(16)));
+typedef int32_t i32x4 __attribute__((vector_size(16)));
+typedef float f32x4 __attribute__((vector_size(16)));
+
+inline i16x8 load_i16x8(const int16_t* p) {
+  i16x8 v;
+  memcpy(&v, p, sizeof v);
+  return v;
+}
+
+inline void store_i16x8(int16_t* p, i16x8 v) { memcpy(p, &v, sizeof v); }
+
+// Eight 32-bit accumulators, one per lane of an i16x8, with the three
+// operations of the kernel: widening multiply by a 16-bit weight, widening
+// multiply-accumulate, and the rounding narrowing shift (low 16 bits of
+// (acc + 4096) >> 13). On aarch64 these are smull/smlal by element and
+// rshrn; elsewhere they are written with generic vectors (x86-64: pmovsxwd,
+// pmulld, paddd, psrad, pand, packusdw). The sums wrap modulo 2^32 in both
+// forms; the generic form keeps them unsigned so that wrapping is defined.
+#if defined(__aarch64__)
+struct acc8 {
+  int32x4_t lo, hi;
+};
+typedef int16_t weight_t;
+
+inline weight_t splat_weight(int16_t w) { return w; }
+
+inline void widen_mul(acc8& a, i16x8 v, weight_t w) {
+  const int16x8_t n = (int16x8_t)v;
+  a.lo = vmull_n_s16(vget_low_s16(n), w);
+  a.hi = vmull_high_n_s16(n, w);
+}
+
+inline void widen_mac(acc8& a, i16x8 v, weight_t w) {
+  const int16x8_t n = (int16x8_t)v;
+  a.lo = vmlal_n_s16(a.lo, vget_low_s16(n), w);
+  a.hi = vmlal_high_n_s16(a.hi, n, w);
+}
+
+// rshrn adds the rounding constant without 32-bit overflow; only the low 16
+// bits are kept, and those equal the wrapped (acc + 4096) >> 13.
+inline i16x8 round_narrow(const acc8& a) {
+  return (i16x8)vrshrn_high_n_s32(vrshrn_n_s32(a.lo, 13), a.hi, 13);
+}
+#else
+typedef uint32_t u32x4 __attribute__((vector_size(16)));
+typedef int32_t i32x8 __attribute__((vector_size(32)));
+
+struct acc8 {
+  u32x4 lo, hi;
+};
+typedef i32x4 weight_t;  // the weight in every lane
+
+inline weight_t splat_weight(int16_t w) { return i32x4{w, w, w, w}; }
+
+inline void widen(i16x8 v, i32x4* lo, i32x4* hi) {
+  const i32x8 x = __builtin_convertvector(v, i32x8);
+  *lo = __builtin_shufflevector(x, x, 0, 1, 2, 3);
+  *hi = __builtin_shufflevector(x, x, 4, 5, 6, 7);
+}
+
+// |v * w| <= 2^30: the products themselves never overflow.
+inline void widen_mul(acc8& a, i16x8 v, weight_t w) {
+  i32x4 lo, hi;
+  widen(v, &lo, &hi);
+  a.lo = (u32x4)(lo * w);
+  a.hi = (u32x4)(hi * w);
+}
+
+inline void widen_mac(acc8& a, i16x8 v, weight_t w) {
+  i32x4 lo, hi;
+  widen(v, &lo, &hi);
+  a.lo += (u32x4)(lo * w);
+  a.hi += (u32x4)(hi * w);
+}
+
+inline i16x8 round_narrow(const acc8& a) {
+  const i32x4 lo = (i32x4)(a.lo + 4096u) >> 13;
+  const i32x4 hi = (i32x4)(a.hi + 4096u) >> 13;
+  return __builtin_convertvector(__builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7), i16x8);
+}
+#endif
+
+}  // namespace
+
+void bilinear_i16_vector(const bilinear_taps& t, unsigned channel, int16_t* out) {
+  // Local copies: stores to out must not force reloads of the taps.
+  const int16_t* const p00 = t.p00;
+  const int16_t* const p01 = t.p01;
+  const int16_t* const p10 = t.p10;
+  const int16_t* const p11 = t.p11;
+  const weight_t w00 = splat_weight(t.w00), w01 = splat_weight(t.w01);
+  const weight_t w10 = splat_weight(t.w10), w11 = splat_weight(t.w11);
+  for (unsigned c = 0; c < channel; c += 16) {
+    acc8 lo, hi;  // channels c .. c+7 and c+8 .. c+15
+    widen_mul(lo, load_i16x8(p00 + c), w00);
+    widen_mul(hi, load_i16x8(p00 + c + 8), w00);
+    widen_mac(lo, load_i16x8(p01 + c), w01);
+    widen_mac(hi, load_i16x8(p01 + c + 8), w01);
+    widen_mac(lo, load_i16x8(p10 + c), w10);
+    widen_mac(hi, load_i16x8(p10 + c + 8), w10);
+    widen_mac(lo, load_i16x8(p11 + c), w11);
+    widen_mac(hi, load_i16x8(p11 + c + 8), w11);
+    store_i16x8(out + c, round_narrow(lo));
+    store_i16x8(out + c + 8, round_narrow(hi));
+  }
+}
+
+// Kept scalar (no auto-vectorisation) so that it is a plain reference and a
+// fair baseline for the vector kernel.
+__attribute__((optimize("no-tree-vectorize"))) void bilinear_i16_scalar(const bilinear_taps& t,
+                                                                        unsigned channel,
+                                                                        int16_t* out) {
+  const bilinear_taps k = t;
+  for (unsigned c = 0; c < channel; ++c) {
+    // Each product fits in 31 bits; the sum is formed modulo 2^32.
+    const uint32_t acc =
+        static_cast<uint32_t>(k.p00[c] * k.w00) + static_cast<uint32_t>(k.p01[c] * k.w01) +
+        static_cast<uint32_t>(k.p10[c] * k.w10) + static_cast<uint32_t>(k.p11[c] * k.w11);
+    out[c] = static_cast<int16_t>(static_cast<int32_t>(acc + 4096u) >> 13);
+  }
+}
+
+int16_t q13_weight(float product) {
+  if (product != product) return 0;
+  if (product <= -32768.0f) return -32768;
+  if (product >= 32767.0f) return 32767;
+  return static_cast<int16_t>(static_cast<int32_t>(product));
+}
+
+unsigned roi_align_level(float x1, float y1, float x2, float y2) {
+  const float area = (x2 - x1) * (y2 - y1);
+  const float d = sqrtf(area) / 224.0f;
+  const double k = floor(log2(static_cast<double>(d) + 1e-6) + 1.0);
+  // min(k, 2) then max(., 0); NaN (negative area) ends at 0.
+  if (k >= 2.0) return 2;
+  if (k >= 0.0) return static_cast<unsigned>(k);
+  return 0;
+}
+
+int16_t extrapolation_bits(float v) {
+  if (!(fabsf(v) <= 3.4028235e38f)) return 0;  // NaN or infinite
+  // truncf is exact, and so is fmodf: the remainder lies in (-65536, 65536)
+  // and equals the truncated value modulo 2^16 (with its sign).
+  const float r = fmodf(truncf(v), 65536.0f);
+  return static_cast<int16_t>(static_cast<uint16_t>(static_cast<int32_t>(r)));
+}
+
+namespace {
+
+constexpr unsigned kTableChunk = 128;
+
+// Positions of one axis: first, first + step, ... (each next position adds
+// step to the previous one in single precision), n of them.
+struct axis_plan {
+  float first;
+  float step;
+  unsigned n;
+};
+
+struct col_entry {
+  float pos;
+  float w0, w1;       // 1 - lx, lx
+  size_t off0, off1;  // channel * c0, channel * c1
+};
+
+struct row_entry {
+  float pos;
+  float w0, w1;  // (1 - ly) * 8192, ly * 8192
+  const int16_t* r0;
+  const int16_t* r1;
+};
+
+// Source cells of a position on an axis of n >= 1 cells: the lower index is
+// the position truncated toward zero (0 for negative positions and NaN); it
+// and the next index are the taps, unless the lower index reaches the last
+// cell, where both taps are the last cell. frac = position - lower tap.
+inline void axis_taps(float pos, unsigned n, unsigned* i0, unsigned* i1, float* frac) {
+  const unsigned last = n - 1;
+  unsigned lo = 0;
+  if (pos > 0.0f) lo = static_cast<double>(pos) < last ? static_cast<unsigned>(pos) : last;
+  if (lo < last) {
+    *i0 = lo;
+    *i1 = lo + 1;
+  } else {
+    *i0 = *i1 = last;
+  }
+  *frac = pos - static_cast<float>(*i0);
+}
+
+// The bilinear operators' map and grid for one box.
+struct box_plan {
+  const int16_t* map;
+  unsigned w, h, channel;
+  axis_plan xs, ys;
+};
+
+// Builds count column entries from *pos on; leaves *pos at the next position.
+void build_cols(const box_plan& p, col_entry* e, unsigned count, float* pos) {
+  for (unsigned j = 0; j < count; ++j) {
+    unsigned c0, c1;
+    float lx;
+    axis_taps(*pos, p.w, &c0, &c1, &lx);
+    e[j].pos = *pos;
+    e[j].w0 = 1.0f - lx;
+    e[j].w1 = lx;
+    e[j].off0 = static_cast<size_t>(p.channel) * c0;
+    e[j].off1 = static_cast<size_t>(p.channel) * c1;
+    *pos += p.xs.step;
+  }
+}
+
+void build_rows(const box_plan& p, row_entry* e, unsigned count, float* pos) {
+  const size_t row_elems = static_cast<size_t>(p.w) * p.channel;
+  for (unsigned i = 0; i < count; ++i) {
+    unsigned r0, r1;
+    float ly;
+    axis_taps(*pos, p.h, &r0, &r1, &ly);
+    e[i].pos = *pos;
+    e[i].w0 = (1.0f - ly) * 8192.0f;
+    e[i].w1 = ly * 8192.0f;
+    e[i].r0 = p.map + row_elems * r0;
+    e[i].r1 = p.map + row_elems * r1;
+    *pos += p.ys.step;
+  }
+}
+
+// The two kernels with their matching weight conversion: the vector one
+// forms the four products in one 4-lane float multiply.
+struct vector_kernel {
+  static void weights(const col_entry& c, const row_entry& r, bilinear_taps* t) {
+    const f32x4 cw = {c.w0, c.w1, c.w0, c.w1};
+    const f32x4 rw = {r.w0, r.w0, r.w1, r.w1};
+    const f32x4 zero = {0.0f, 0.0f, 0.0f, 0.0f};
+    const f32x4 lo = {-32768.0f, -32768.0f, -32768.0f, -32768.0f};
+    const f32x4 hi = {32767.0f, 32767.0f, 32767.0f, 32767.0f};
+    f32x4 p = cw * rw;
+    p = p == p ? p : zero;  // NaN -> 0
+    p = p > lo ? p : lo;
+    p = p < hi ? p : hi;
+    const i32x4 w = __builtin_convertvector(p, i32x4);  // truncation toward zero
+    t->w00 = static_cast<int16_t>(w[0]);
+    t->w01 = static_cast<int16_t>(w[1]);
+    t->w10 = static_cast<int16_t>(w[2]);
+    t->w11 = static_cast<int16_t>(w[3]);
+  }
+  static void run(const bilinear_taps& t, unsigned channel, int16_t* out) {
+    bilinear_i16_vector(t, channel, out);
+  }
+};
+
+struct scalar_kernel {
+  static void weights(const col_entry& c, const row_entry& r, bilinear_taps* t) {
+    t->w00 = q13_weight(c.w0 * r.w0);
+    t->w01 = q13_weight(c.w1 * r.w0);
+    t->w10 = q13_weight(c.w0 * r.w1);
+    t->w11 = q13_weight(c.w1 * r.w1);
+  }
+  static void run(const bilinear_taps& t, unsigned channel, int16_t* out) {
+    bilinear_i16_scalar(t, channel, out);
+  }
+};
+
+void fill_i16(int16_t* out, size_t count, int16_t v) {
+  for (size_t i = 0; i < count; ++i) out[i] = v;
+}
+
+// Crop-and-resize's outside handling: E for every element, one line each.
+void write_extr_y(int16_t* out, size_t count, int16_t e) {
+  fill_i16(out, count, e);
+  for (size_t i = 0; i < count; ++i) puts("extr y");
+}
+
+// Output columns [0, count) of one output row from a column chunk. With
+// kCrop, positions outside [0, W - 1] take the extrapolation value.
+template <class K, bool kCrop>
+void run_cols(const box_plan& p, const col_entry* cols, unsigned count, const row_entry& r,
+              int16_t extr, int16_t* out) {
+  const float wmax = static_cast<float>(p.w - 1);
+  for (unsigned j = 0; j < count; ++j, out += p.channel) {
+    const col_entry& c = cols[j];
+    if (kCrop && (c.pos < 0.0f || c.pos > wmax)) {
+      fill_i16(out, p.channel, extr);
+      for (unsigned k = 0; k < p.channel; ++k) printf("extr x, %f\n", c.pos);
+      continue;
+    }
+    bilinear_taps t;
+    t.p00 = r.r0 + c.off0;
+    t.p01 = r.r0 + c.off1;
+    t.p10 = r.r1 + c.off0;
+    t.p11 = r.r1 + c.off1;
+    K::weights(c, r, &t);
+    K::run(t, p.channel, out);
+  }
+}
+
+// Resamples one box into out (ys.n rows x xs.n columns x channel). The map
+// has at least one row and one column.
+template <class K, bool kCrop>
+void resample_box(const box_plan& p, int16_t extr, int16_t* out) {
+  col_entry cols[kTableChunk];
+  row_entry rows[kTableChunk];
+  const size_t out_row = static_cast<size_t>(p.xs.n) * p.channel;
+  const float hmax = static_cast<float>(p.h - 1);
+  const bool cols_once = p.xs.n <= kTableChunk;
+  if (cols_once) {
+    float x = p.xs.first;
+    build_cols(p, cols, p.xs.n, &x);
+  }
+  float y = p.ys.first;
+  for (unsigned i0 = 0; i0 < p.ys.n; i0 += kTableChunk) {
+    const unsigned ni = p.ys.n - i0 < kTableChunk ? p.ys.n - i0 : kTableChunk;
+    build_rows(p, rows, ni, &y);
+    for (unsigned i = 0; i < ni; ++i) {
+      const row_entry& r = rows[i];
+      int16_t* orow = out + out_row * (i0 + i);
+      if (kCrop && (r.pos < 0.0f || r.pos > hmax)) {
+        write_extr_y(orow, out_row, extr);
+        continue;
+      }
+      if (cols_once) {
+        run_cols<K, kCrop>(p, cols, p.xs.n, r, extr, orow);
+        continue;
+      }
+      float x = p.xs.first;
+      for (unsigned j0 = 0; j0 < p.xs.n; j0 += kTableChunk) {
+        const unsigned nj = p.xs.n - j0 < kTableChunk ? p.xs.n - j0 : kTableChunk;
+        build_cols(p, cols, nj, &x);
+        run_cols<K, kCrop>(p, cols, nj, r, extr, orow + static_cast<size_t>(j0) * p.channel);
+      }
+    }
+  }
+}
+
+// ROI align grid of one box on a map of stride s: one sample per cell centre.
+axis_plan align_axis(float lo, float hi, float s, unsigned n) {
+  const float a = lo / s;
+  const float b = hi / s;
+  const float bin = (b - a) / static_cast<float>(n);
+  return axis_plan{static_cast<float>(static_cast<double>(a) + 0.5 * static_cast<double>(bin)), bin,
+                   n};
+}
+
+template <class K>
+void align_box(const short* map, unsigned s, unsigned w, unsigned h, const float* box,
+               unsigned pool_w, unsigned pool_h, unsigned channel, short* out) {
+  if (pool_w == 0 || pool_h == 0) return;
+  if (w == 0 || h == 0) {
+    // No cell to sample: the box's output is zero.
+    memset(out, 0, static_cast<size_t>(pool_w) * pool_h * channel * sizeof(short));
+    return;
+  }
+  const float sf = static_cast<float>(s);
+  box_plan p;
+  p.map = map;
+  p.w = w;
+  p.h = h;
+  p.channel = channel;
+  p.xs = align_axis(box[0], box[2], sf, pool_w);
+  p.ys = align_axis(box[1], box[3], sf, pool_h);
+  resample_box<K, false>(p, 0, out);
+}
+
+bool align_args_ok(float* proposal, unsigned channel, short* roi_result) {
+  if (proposal == nullptr || roi_result == nullptr) {
+    printf("Invalid proposal or roi_result: %p, %p\n", static_cast<void*>(proposal),
+           static_cast<void*>(roi_result));
+    return false;
+  }
+  if (channel == 0 || channel % 16 != 0) {
+    printf("Invalid channel: %u, should be multiple 16\n", channel);
+    return false;
+  }
+  return true;
+}
+
+template <class K>
+int roi_align_one(short* fmap, unsigned fmap_scale, float* proposal, unsigned roi_num,
+                  unsigned fmap_w, unsigned fmap_h, unsigned pool_w, unsigned pool_h,
+                  unsigned channel, short* roi_result) {
+  if (fmap == nullptr) {
+    printf("Invalid FMap pointer: %p\n", static_cast<void*>(fmap));
+    return -1;
+  }
+  if (fmap_scale == 0) {
+    printf("Invalid FMap scale: %u\n", fmap_scale);
+    return -1;
+  }
+  if (!align_args_ok(proposal, channel, roi_result)) return -1;
+  const size_t per_box = static_cast<size_t>(pool_w) * pool_h * channel;
+  for (unsigned r = 0; r < roi_num; ++r) {
+    align_box<K>(fmap, fmap_scale, fmap_w, fmap_h, proposal + 4 * static_cast<size_t>(r), pool_w,
+                 pool_h, channel, roi_result + per_box * r);
+  }
+  return 0;
+}
+
+template <class K>
+int roi_align_four(short** fmap, unsigned* fmap_scale, float* proposal, unsigned roi_num,
+                   unsigned img_w, unsigned img_h, unsigned pool_w, unsigned pool_h,
+                   unsigned channel, short* roi_result) {
+  short* maps[3] = {nullptr, nullptr, nullptr};
+  if (fmap != nullptr) {
+    maps[0] = fmap[0];
+    maps[1] = fmap[1];
+    maps[2] = fmap[2];
+  }
+  if (maps[0] == nullptr || maps[1] == nullptr || maps[2] == nullptr) {
+    printf("Invalid FMap pointer: %p, %p, %p\n", static_cast<void*>(maps[0]),
+           static_cast<void*>(maps[1]), static_cast<void*>(maps[2]));
+    return -1;
+  }
+  unsigned scales[3] = {0, 0, 0};
+  if (fmap_scale != nullptr) {
+    scales[0] = fmap_scale[0];
+    scales[1] = fmap_scale[1];
+    scales[2] = fmap_scale[2];
+  }
+  if (scales[0] == 0 || scales[1] == 0 || scales[2] == 0) {
+    printf("Invalid FMap scale: %u, %u, %u\n", scales[0], scales[1], scales[2]);
+    return -1;
+  }
+  if (!align_args_ok(proposal, channel, roi_result)) return -1;
+  const size_t per_box = static_cast<size_t>(pool_w) * pool_h * channel;
+  for (unsigned r = 0; r < roi_num; ++r) {
+    const float* box = proposal + 4 * static_cast<size_t>(r);
+    const unsigned k = roi_align_level(box[0], box[1], box[2], box[3]);
+    const unsigned s = scales[k];
+    align_box<K>(maps[k], s, img_w / s, img_h / s, box, pool_w, pool_h, channel,
+                 roi_result + per_box * r);
+  }
+  return 0;
+}
+
+// Crop grid of one axis: edge to edge over [lo, hi] in map cells after
+// normalisation by the map size n (>= 1); one output gives the centre.
+axis_plan crop_axis(float lo, float hi, float scale, unsigned n, unsigned count) {
+  const float a = scale * lo / static_cast<float>(n);
+  const float b = scale * hi / static_cast<float>(n);
+  const float last = static_cast<float>(n - 1);
+  if (count == 1) {
+    const double centre = 0.5 * static_cast<double>(a + b) * static_cast<double>(n - 1);
+    return axis_plan{static_cast<float>(centre), 0.0f, 1};
+  }
+  return axis_plan{a * last, (b - a) * last / static_cast<float>(count - 1), count};
+}
+
+template <class K>
+int crop_and_resize(short* fmap, float scale_x, float scale_y, float extrapolation_value,
+                    float* proposal, unsigned roi_num, unsigned fmap_w, unsigned fmap_h,
+                    unsigned crop_w, unsigned crop_h, unsigned channel, short* roi_result) {
+  if (fmap == nullptr) {
+    printf("Invalid FMap pointer: %p\n", static_cast<void*>(fmap));
+    return -1;
+  }
+  if (!align_args_ok(proposal, channel, roi_result)) return -1;
+  if (roi_num == 0) return 0;
+  const int16_t extr = extrapolation_bits(extrapolation_value);
+  const size_t per_box = static_cast<size_t>(crop_w) * crop_h * channel;
+  for (unsigned r = 0; r < roi_num; ++r) {
+    const float* box = proposal + 4 * static_cast<size_t>(r);
+    short* out = roi_result + per_box * r;
+    if (crop_w == 0 || crop_h == 0) continue;
+    if (fmap_w == 0 || fmap_h == 0) {
+      // An empty map has no inside: every output row is outside.
+      for (unsigned i = 0; i < crop_h; ++i) {
+        write_extr_y(out + static_cast<size_t>(i) * crop_w * channel,
+                     static_cast<size_t>(crop_w) * channel, extr);
+      }
+      continue;
+    }
+    box_plan p;
+    p.map = fmap;
+    p.w = fmap_w;
+    p.h = fmap_h;
+    p.channel = channel;
+    p.xs = crop_axis(box[0], box[2], scale_x, fmap_w, crop_w);
+    p.ys = crop_axis(box[1], box[3], scale_y, fmap_h, crop_h);
+    resample_box<K, true>(p, extr, out);
+  }
+  return 0;
+}
+
+}  // namespace
+
+int roi_align_fmap_int16_with(bilinear_kernel kernel, short* fmap, unsigned int fmap_scale,
+                              float* proposal, unsigned int roi_num, unsigned int fmap_w,
+                              unsigned int fmap_h, unsigned int pool_w, unsigned int pool_h,
+                              unsigned int channel, short* roi_result) {
+  if (kernel == bilinear_kernel::scalar) {
+    return roi_align_one<scalar_kernel>(fmap, fmap_scale, proposal, roi_num, fmap_w, fmap_h, pool_w,
+                                        pool_h, channel, roi_result);
+  }
+  return roi_align_one<vector_kernel>(fmap, fmap_scale, proposal, roi_num, fmap_w, fmap_h, pool_w,
+                                      pool_h, channel, roi_result);
+}
+
+int roi_align_four_fmap_int16_with(bilinear_kernel kernel, short** fmap, unsigned int* fmap_scale,
+                                   float* proposal, unsigned int roi_num, unsigned int img_w,
+                                   unsigned int img_h, unsigned int pool_w, unsigned int pool_h,
+                                   unsigned int channel, short* roi_result) {
+  if (kernel == bilinear_kernel::scalar) {
+    return roi_align_four<scalar_kernel>(fmap, fmap_scale, proposal, roi_num, img_w, img_h, pool_w,
+                                         pool_h, channel, roi_result);
+  }
+  return roi_align_four<vector_kernel>(fmap, fmap_scale, proposal, roi_num, img_w, img_h, pool_w,
+                                       pool_h, channel, roi_result);
+}
+
+int crop_and_resize_fmap_int16_with(bilinear_kernel kernel, short* fmap, float scale_x,
+                                    float scale_y, float extrapolation_value, float* proposal,
+                                    unsigned int roi_num, unsigned int fmap_w, unsigned int fmap_h,
+                                    unsigned int crop_w, unsigned int crop_h, unsigned int channel,
+                                    short* roi_result) {
+  if (kernel == bilinear_kernel::scalar) {
+    return crop_and_resize<scalar_kernel>(fmap, scale_x, scale_y, extrapolation_value, proposal,
+                                          roi_num, fmap_w, fmap_h, crop_w, crop_h, channel,
+                                          roi_result);
+  }
+  return crop_and_resize<vector_kernel>(fmap, scale_x, scale_y, extrapolation_value, proposal,
+                                        roi_num, fmap_w, fmap_h, crop_w, crop_h, channel,
+                                        roi_result);
+}
+
+}  // namespace ol
+
+int roi_align_fmap_int16(short* fmap, unsigned int fmap_scale, float* proposal,
+                         unsigned int roi_num, unsigned int fmap_w, unsigned int fmap_h,
+                         unsigned int pool_w, unsigned int pool_h, unsigned int channel,
+                         short* roi_result) {
+  return ol::roi_align_fmap_int16_with(ol::bilinear_kernel::vector, fmap, fmap_scale, proposal,
+                                       roi_num, fmap_w, fmap_h, pool_w, pool_h, channel,
+                                       roi_result);
+}
+
+int roi_align_four_fmap_int16(short** fmap, unsigned int* fmap_scale, float* proposal,
+                              unsigned int roi_num, unsigned int img_w, unsigned int img_h,
+                              unsigned int pool_w, unsigned int pool_h, unsigned int channel,
+                              short* roi_result) {
+  return ol::roi_align_four_fmap_int16_with(ol::bilinear_kernel::vector, fmap, fmap_scale, proposal,
+                                            roi_num, img_w, img_h, pool_w, pool_h, channel,
+                                            roi_result);
+}
+
+int crop_and_resize_fmap_int16(short* fmap, float scale_x, float scale_y, float extrapolation_value,
+                               float* proposal, unsigned int roi_num, unsigned int fmap_w,
+                               unsigned int fmap_h, unsigned int crop_w, unsigned int crop_h,
+                               unsigned int channel, short* roi_result) {
+  return ol::crop_and_resize_fmap_int16_with(ol::bilinear_kernel::vector, fmap, scale_x, scale_y,
+                                             extrapolation_value, proposal, roi_num, fmap_w, fmap_h,
+                                             crop_w, crop_h, channel, roi_result);
+}

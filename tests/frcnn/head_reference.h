@@ -1,0 +1,152 @@
+// Plain scalar twins of the detection-head kernels, written step by step in
+// the most readable form. The tests hold the library's kernels to them bit
+// for bit; the benchmarks time them as the baseline.
+#ifndef OL_TESTS_FRCNN_HEAD_REFERENCE_H
+#define OL_TESTS_FRCNN_HEAD_REFERENCE_H
+
+#include <math.h>
+#include <stdint.h>
+#include <string.h>
+
+#include <vector>
+
+#include "brennik_opt_layers.h"
+
+namespace ol_ref {
+
+using opt_layers_half::from_float_round;
+using opt_layers_half::to_float;
+
+// min(v, L - 1), then max(., 0), with these exact comparisons.
+inline float clamp(float v, float limit) {
+  float m = v < limit - 1.0f ? v : limit - 1.0f;
+  return m > 0.0f ? m : 0.0f;
+}
+
+// One box from float deltas, the centre-size decode in double with two fused
+// multiply-adds per edge, rounded to float once, then clipped.
+inline void decode_box(const uint16_t* proposal, float dx, float dy, float dw, float dh,
+                       uint32_t img_h, uint32_t img_w, float* out) {
+  float x1 = to_float(proposal[0]), y1 = to_float(proposal[1]);
+  float x2 = to_float(proposal[2]), y2 = to_float(proposal[3]);
+  float w = (x2 - x1) + 1.0f;
+  float h = (y2 - y1) + 1.0f;
+  float ew = expf(dw), eh = expf(dh);
+  double tx1 = fma(-0.5, (double)ew, (double)dx + 0.5);
+  double ty1 = fma(-0.5, (double)eh, (double)dy + 0.5);
+  double tx2 = fma(0.5, (double)ew, (double)dx + 0.5);
+  double ty2 = fma(0.5, (double)eh, (double)dy + 0.5);
+  out[0] = clamp((float)fma(tx1, (double)w, (double)x1), (float)img_w);
+  out[1] = clamp((float)fma(ty1, (double)h, (double)y1), (float)img_h);
+  out[2] = clamp((float)fma(tx2, (double)w, (double)x1), (float)img_w);
+  out[3] = clamp((float)fma(ty2, (double)h, (double)y1), (float)img_h);
+}
+
+// One delta set (four halves) by bbox_type 0 or 1, with optional factors.
+inline void decode_set(const uint16_t* proposal, const uint16_t* e, uint32_t img_h,
+                       uint32_t img_w, uint32_t bbox_type, const float* scale, float* out) {
+  float dx, dy, dw, dh;
+  if (bbox_type == 0) {
+    dx = to_float(e[0]); dy = to_float(e[1]); dw = to_float(e[2]); dh = to_float(e[3]);
+  } else {
+    dy = to_float(e[0]); dx = to_float(e[1]); dh = to_float(e[2]); dw = to_float(e[3]);
+  }
+  if (scale) {
+    dx = dx * scale[0]; dy = dy * scale[1]; dw = dw * scale[2]; dh = dh * scale[3];
+  }
+  decode_box(proposal, dx, dy, dw, dh, img_h, img_w, out);
+}
+
+// rcnn_bbox_decode for class_num >= 1: returns 0, or -1 for a bad type.
+inline int bbox_decode(const uint16_t* proposal, const uint16_t* deltas, float* boxes,
+                       uint32_t img_h, uint32_t img_w, uint32_t class_num, bool share,
+                       uint32_t bbox_type, const float* scale, bool no_bg) {
+  uint32_t slots = no_bg ? class_num - 1 : class_num;
+  if (bbox_type > 1) return slots == 0 && !share ? 0 : -1;
+  if (share) {
+    decode_set(proposal, deltas, img_h, img_w, bbox_type, scale, boxes);
+    for (uint32_t k = 1; k < slots; ++k) memcpy(boxes + 4 * k, boxes, 16);
+    return 0;
+  }
+  for (uint32_t k = 0; k < slots; ++k)
+    decode_set(proposal, deltas + 4 * k, img_h, img_w, bbox_type, scale, boxes + 4 * k);
+  return 0;
+}
+
+struct cand {
+  float x1, y1, x2, y2, score;
+  uint16_t bits[5];
+};
+
+inline float fmax_a(float p, float q) { return p > q ? p : q; }
+inline float fmin_a(float p, float q) { return p < q ? p : q; }
+
+inline float iou(const cand& a, float area_a, const cand& b, float area_b) {
+  float xx1 = fmax_a(a.x1, b.x1), yy1 = fmax_a(a.y1, b.y1);
+  float xx2 = fmin_a(a.x2, b.x2), yy2 = fmin_a(a.y2, b.y2);
+  float iw = fmax_a(0.0f, (xx2 - xx1) + 1.0f);
+  float ih = fmax_a(0.0f, (yy2 - yy1) + 1.0f);
+  float inter = iw * ih;
+  return inter / ((area_a + area_b) - inter);
+}
+
+// rcnn_class_nms over classes [class_start, class_end), n <= 32767: full
+// candidates, full selection sort, then the greedy walk.
+inline void class_nms(uint16_t* rcnn_result, uint16_t* class_dets, const float* rcnn_boxes,
+                      const uint16_t* rcnn_cls, uint32_t class_start, uint32_t class_end,
+                      uint32_t class_num, uint32_t pitch, uint32_t n, uint32_t post_nms_num,
+                      bool no_bg, float post_nms_iou, float cls_prob) {
+  for (uint32_t c = class_start; c < class_end; ++c) {
+    uint32_t slot = no_bg ? c - 1 : c;
+    std::vector<cand> cands(n);
+    std::vector<float> area(n);
+    std::vector<int32_t> order(n);
+    for (uint32_t i = 0; i < n; ++i) {
+      const float* b = rcnn_boxes + 4 * ((size_t)i * class_num + slot);
+      for (int k = 0; k < 4; ++k) cands[i].bits[k] = from_float_round(b[k]);
+      cands[i].bits[4] = rcnn_cls[(size_t)i * pitch + c];
+      cands[i].x1 = to_float(cands[i].bits[0]);
+      cands[i].y1 = to_float(cands[i].bits[1]);
+      cands[i].x2 = to_float(cands[i].bits[2]);
+      cands[i].y2 = to_float(cands[i].bits[3]);
+      cands[i].score = to_float(cands[i].bits[4]);
+      double w = (double)(cands[i].x2 - cands[i].x1) + 1.0;
+      double h = (double)(cands[i].y2 - cands[i].y1) + 1.0;
+      area[i] = (float)(w * h);
+      order[i] = (int32_t)i;
+    }
+    for (uint32_t p = 0; p + 1 < n; ++p) {
+      uint32_t q = p;
+      for (uint32_t j = p + 1; j < n; ++j)
+        if (cands[order[q]].score < cands[order[j]].score) q = j;
+      int32_t t = order[p]; order[p] = order[q]; order[q] = t;
+    }
+    uint32_t pos = 0, count = 0;
+    int16_t remaining = (int16_t)n;
+    uint16_t* dets = class_dets + 5 * ((size_t)post_nms_num * c);
+    while (remaining > 0 && count < post_nms_num) {
+      int32_t h = order[pos];
+      if (cands[h].score <= cls_prob) break;
+      memcpy(dets + 5 * count, cands[h].bits, 10);
+      ++count;
+      if (remaining > 1) {
+        for (uint32_t j = pos + 1; j <= pos + remaining - 1; ++j) {
+          if (order[j] == -1) continue;
+          if (iou(cands[h], area[h], cands[order[j]], area[order[j]]) > post_nms_iou)
+            order[j] = -1;
+        }
+      }
+      ++pos;
+      --remaining;
+      while (remaining > 0 && order[pos] == -1) {
+        ++pos;
+        --remaining;
+      }
+    }
+    rcnn_result[c] = from_float_round((float)count);
+  }
+}
+
+}  // namespace ol_ref
+
+#endif

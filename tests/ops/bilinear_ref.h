@@ -1,0 +1,200 @@
+// Plain references for the 16-bit bilinear operators (ROI align and crop and
+// resize): one element at a time, in the most direct form, with exact 64-bit
+// sums. The fast operators must match them bit for bit.
+#ifndef OL_TESTS_OPS_BILINEAR_REF_H
+#define OL_TESTS_OPS_BILINEAR_REF_H
+
+#include <math.h>
+#include <stdint.h>
+
+#include <string>
+#include <vector>
+
+#include "common/test_util.h"
+
+namespace ref {
+
+// A 16-bit map, element (y, x, c) at (y * w + x) * c_n + c.
+struct map16 {
+  unsigned w = 0, h = 0, c = 0;
+  std::vector<short> v;
+  short at(unsigned y, unsigned x, unsigned ch) const { return v[(size_t(y) * w + x) * c + ch]; }
+  short* data() { return v.empty() ? nullptr : v.data(); }
+};
+
+inline map16 random_map(ol_test::rng& g, unsigned w, unsigned h, unsigned c) {
+  map16 m;
+  m.w = w;
+  m.h = h;
+  m.c = c;
+  m.v.resize(size_t(w) * h * c);
+  for (auto& e : m.v) e = static_cast<short>(g.next());
+  return m;
+}
+
+// Float product of a column and a row weight -> Q13 weight: truncation
+// toward zero, saturated to 16 bits, NaN -> 0.
+inline int16_t weight(float p) {
+  if (isnan(p)) return 0;
+  const double t = trunc(static_cast<double>(p));
+  if (t < -32768.0) return -32768;
+  if (t > 32767.0) return 32767;
+  return static_cast<int16_t>(t);
+}
+
+// The two source cells of a position on an axis of n cells, and the fraction.
+struct tap {
+  unsigned i0, i1;
+  float frac;
+};
+
+inline tap taps(float pos, unsigned n) {
+  // Truncated toward zero as an unsigned integer; negative (and NaN) -> 0.
+  unsigned c0 = 0;
+  if (pos > 0) c0 = pos >= 4294967296.0f ? 0xFFFFFFFFu : static_cast<unsigned>(pos);
+  tap t;
+  if (c0 < n - 1) {
+    t.i0 = c0;
+    t.i1 = c0 + 1;
+  } else {
+    t.i0 = t.i1 = n - 1;
+  }
+  t.frac = pos - static_cast<float>(t.i0);
+  return t;
+}
+
+// Low 16 bits of floor((acc + 4096) / 8192), acc exact.
+inline short round_q13(int64_t acc) {
+  const int64_t q = (acc + 4096) >> 13;  // arithmetic shift = floor division
+  return static_cast<short>(static_cast<uint16_t>(q & 0xFFFF));
+}
+
+// All channels of the sample at (xpos, ypos) of map m, into out.
+inline void sample(const map16& m, float xpos, float ypos, short* out) {
+  const tap tx = taps(xpos, m.w);
+  const tap ty = taps(ypos, m.h);
+  const float cw0 = 1.0f - tx.frac, cw1 = tx.frac;
+  const float rw0 = (1.0f - ty.frac) * 8192.0f, rw1 = ty.frac * 8192.0f;
+  const int64_t w00 = weight(cw0 * rw0), w01 = weight(cw1 * rw0);
+  const int64_t w10 = weight(cw0 * rw1), w11 = weight(cw1 * rw1);
+  for (unsigned c = 0; c < m.c; ++c) {
+    const int64_t acc = m.at(ty.i0, tx.i0, c) * w00 + m.at(ty.i0, tx.i1, c) * w01 +
+                        m.at(ty.i1, tx.i0, c) * w10 + m.at(ty.i1, tx.i1, c) * w11;
+    out[c] = round_q13(acc);
+  }
+}
+
+// ROI align of one box on a map of stride s into out (pool_h x pool_w x c).
+inline void roi_align_box(const map16& m, unsigned s, const float* box, unsigned pool_w,
+                          unsigned pool_h, short* out) {
+  const size_t n = size_t(pool_w) * pool_h * m.c;
+  if (m.w == 0 || m.h == 0) {
+    for (size_t i = 0; i < n; ++i) out[i] = 0;
+    return;
+  }
+  const float x1 = box[0] / float(s), y1 = box[1] / float(s);
+  const float x2 = box[2] / float(s), y2 = box[3] / float(s);
+  const float bin_w = (x2 - x1) / float(pool_w), bin_h = (y2 - y1) / float(pool_h);
+  std::vector<float> xs(pool_w), ys(pool_h);
+  for (unsigned j = 0; j < pool_w; ++j)
+    xs[j] = j == 0 ? float(double(x1) + 0.5 * double(bin_w)) : xs[j - 1] + bin_w;
+  for (unsigned i = 0; i < pool_h; ++i)
+    ys[i] = i == 0 ? float(double(y1) + 0.5 * double(bin_h)) : ys[i - 1] + bin_h;
+  for (unsigned i = 0; i < pool_h; ++i)
+    for (unsigned j = 0; j < pool_w; ++j)
+      sample(m, xs[j], ys[i], out + (size_t(i) * pool_w + j) * m.c);
+}
+
+// Pyramid level from the box size.
+inline unsigned level(const float* b) {
+  const float area = (b[2] - b[0]) * (b[3] - b[1]);
+  const double k = floor(log2(double(sqrtf(area) / 224.0f) + 1e-6) + 1.0);
+  if (isnan(k)) return 0;
+  return k > 2 ? 2 : k < 0 ? 0 : unsigned(k);
+}
+
+// Crop-and-resize positions along one axis.
+inline std::vector<float> crop_positions(float lo, float hi, float scale, unsigned n,
+                                         unsigned count) {
+  const float a = scale * lo / float(n), b = scale * hi / float(n);
+  std::vector<float> p(count);
+  if (count == 1) {
+    p[0] = float(0.5 * double(a + b) * double(n - 1));
+    return p;
+  }
+  const float step = (b - a) * float(n - 1) / float(count - 1);
+  for (unsigned k = 0; k < count; ++k) p[k] = k == 0 ? a * float(n - 1) : p[k - 1] + step;
+  return p;
+}
+
+// Low 16 bits of the extrapolation value truncated toward zero (0 for NaN
+// and infinities).
+inline short extrapolation(float v) {
+  if (!isfinite(v)) return 0;
+  const double t = trunc(double(v));
+  const double r = fmod(t, 65536.0);
+  return static_cast<short>(static_cast<uint16_t>(static_cast<int64_t>(r) & 0xFFFF));
+}
+
+// Crop and resize of one box into out (crop_h x crop_w x c); appends the
+// lines it prints to *text.
+inline void crop_box(const map16& m, float sx, float sy, float extr, const float* box,
+                     unsigned crop_w, unsigned crop_h, short* out, std::string* text) {
+  const short e = extrapolation(extr);
+  if (crop_w == 0 || crop_h == 0) return;
+  if (m.w == 0 || m.h == 0) {
+    for (size_t k = 0; k < size_t(crop_w) * crop_h * m.c; ++k) {
+      out[k] = e;
+      *text += "extr y\n";
+    }
+    return;
+  }
+  const std::vector<float> xs = crop_positions(box[0], box[2], sx, m.w, crop_w);
+  const std::vector<float> ys = crop_positions(box[1], box[3], sy, m.h, crop_h);
+  for (unsigned i = 0; i < crop_h; ++i) {
+    for (unsigned j = 0; j < crop_w; ++j) {
+      short* o = out + (size_t(i) * crop_w + j) * m.c;
+      if (ys[i] < 0 || ys[i] > float(m.h - 1)) {
+        for (unsigned c = 0; c < m.c; ++c) o[c] = e, *text += "extr y\n";
+      } else if (xs[j] < 0 || xs[j] > float(m.w - 1)) {
+        for (unsigned c = 0; c < m.c; ++c)
+          o[c] = e, *text += ol_test::format("extr x, %f\n", xs[j]);
+      } else {
+        sample(m, xs[j], ys[i], o);
+      }
+    }
+  }
+}
+
+// A random box: inside the map, across an edge, far outside, degenerate or
+// reversed, in units of `unit` pixels per cell.
+inline void random_box(ol_test::rng& g, float img_w, float img_h, float* b) {
+  switch (g.range(0, 5)) {
+    case 0:  // inside
+      b[0] = g.uniform(0, img_w), b[2] = g.uniform(b[0], img_w);
+      b[1] = g.uniform(0, img_h), b[3] = g.uniform(b[1], img_h);
+      break;
+    case 1:  // across the edges
+      b[0] = g.uniform(-img_w / 2, img_w), b[2] = b[0] + g.uniform(0, img_w);
+      b[1] = g.uniform(-img_h / 2, img_h), b[3] = b[1] + g.uniform(0, img_h);
+      break;
+    case 2:  // far outside
+      b[0] = g.uniform(-3 * img_w, 3 * img_w), b[2] = b[0] + g.uniform(0, 2 * img_w);
+      b[1] = g.uniform(-3 * img_h, 3 * img_h), b[3] = b[1] + g.uniform(0, 2 * img_h);
+      break;
+    case 3:  // reversed
+      b[0] = g.uniform(0, img_w), b[2] = b[0] - g.uniform(0, img_w / 2);
+      b[1] = g.uniform(0, img_h), b[3] = b[1] - g.uniform(0, img_h / 2);
+      break;
+    case 4:  // zero size, integer corners
+      b[0] = b[2] = float(g.range(0, int(img_w)));
+      b[1] = b[3] = float(g.range(0, int(img_h)));
+      break;
+    default:  // whole image
+      b[0] = 0, b[1] = 0, b[2] = img_w, b[3] = img_h;
+  }
+}
+
+}  // namespace ref
+
+#endif
