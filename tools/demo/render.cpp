@@ -159,7 +159,7 @@ rgb_image draw_picture(const picture_input& in) {
     c.outline(x1 - 1, y1 - 1, x2 + 1, y2 + 1, 1, dark);
     c.outline(x1, y1, x2, y2, 3, col);
     c.outline(x1 + 3, y1 + 3, x2 - 3, y2 - 3, 1, dark, 0.6f);
-    c.label(x1, y1, class_name(f, d.cls) + strf(" %.2f", d.score), dark, col, scale);
+    c.label(x1, y1, class_name(f, d.cls) + strf(" %.3f", d.score), dark, col, scale);
   }
 
   if (!in.caption.empty()) {
