@@ -4,7 +4,6 @@
 // per-frame reset after frames that touched few or many buckets.
 #include <benchmark/benchmark.h>
 #include <math.h>
-
 #include <string.h>
 
 #include <chrono>
@@ -85,6 +84,16 @@ void bm_hist_steps(benchmark::State& state) {
   state.SetLabel(step == 0 ? "reset+insert" : "walk 6000");
 }
 BENCHMARK(bm_hist_steps)->Arg(0)->Arg(1)->Unit(benchmark::kMicrosecond);
+
+// Init-time cost of the visiting order (qsort of the 65,536 patterns).
+void bm_hist_build_order(benchmark::State& state) {
+  std::vector<uint16_t> order(ol::k_hist_buckets);
+  for (auto _ : state) {
+    ol::hist_build_order(order.data(), ol::k_hist_buckets);
+    benchmark::DoNotOptimize(order.data());
+  }
+}
+BENCHMARK(bm_hist_build_order)->Unit(benchmark::kMillisecond);
 
 // Reset after a frame whose M candidates fall into `distinct` buckets: the
 // cost follows the buckets touched, not the 65,536 there are. Timed by hand
