@@ -178,13 +178,12 @@ uint32_t next_position_to_visit(const hist_tables* t, uint32_t p) {
   const uint32_t avail = k_last_position - (p + 1);
   const uint32_t len = span < avail ? span : avail;
   const uint32_t m = run_prefix(t->sort + p + 1, len, nxt, d);
-  if (m < len) return p + 1 + m;     // the run ends early; look there
+  if (m < len) return p + 1 + m;              // the run ends early; look there
   if (found && len == span) return p + span;  // the occupied bucket
   return p + 1 + len;
 }
 
-inline void save_cursor(hist_tables* t, uint32_t p, uint32_t islot, uint32_t nslot,
-                        uint32_t nnum) {
+inline void save_cursor(hist_tables* t, uint32_t p, uint32_t islot, uint32_t nslot, uint32_t nnum) {
   t->cursor[0] = p;
   t->cursor[1] = islot;
   t->cursor[2] = nslot;
@@ -218,6 +217,24 @@ int score_desc_cmp(const void* a, const void* b, void* scores) {
 // ---- tables ---------------------------------------------------------------
 
 void hist_build_order(uint16_t* order, unsigned count) {
+  // The full table is written out directly and then checked to be strictly
+  // ascending under the total order (which also proves it a permutation):
+  // a linear pass instead of a sort of 65,536 entries at init. Any other
+  // count, or a failed check, takes the qsort.
+  if (count == k_hist_buckets) {
+    unsigned i = 0;
+    // +inf, the positive values descending, +0.
+    for (uint32_t p = 0x7C01; p-- > 0;) order[i++] = static_cast<uint16_t>(p);
+    // -0, the negative values descending, -inf.
+    for (uint32_t p = 0x8000; p <= 0xFC00; ++p) order[i++] = static_cast<uint16_t>(p);
+    // The NaN patterns by increasing pattern.
+    for (uint32_t p = 0x7C01; p <= 0x7FFF; ++p) order[i++] = static_cast<uint16_t>(p);
+    for (uint32_t p = 0xFC01; p <= 0xFFFF; ++p) order[i++] = static_cast<uint16_t>(p);
+    bool ascending = i == count;
+    for (unsigned k = 0; ascending && k + 1 < count; ++k)
+      ascending = bucket_order_total_cmp(&order[k], &order[k + 1]) < 0;
+    if (ascending) return;
+  }
   for (unsigned i = 0; i < count; ++i) order[i] = static_cast<uint16_t>(i);
   qsort(order, count, sizeof(uint16_t), bucket_order_total_cmp);
 }

@@ -94,8 +94,10 @@ TEST(Anchors, MatchReferenceForOneAndEightWorkers) {
       const unsigned img_h = sh.H * sh.S, img_w = sh.W * sh.S;
       const std::vector<float> ref =
           reference(base, sh.A, sh.S, sh.H, sh.W, suppress, img_h, img_w);
-      const std::vector<float> one = generate(1, base, sh.A, sh.S, sh.H, sh.W, suppress, img_h, img_w);
-      const std::vector<float> eight = generate(8, base, sh.A, sh.S, sh.H, sh.W, suppress, img_h, img_w);
+      const std::vector<float> one =
+          generate(1, base, sh.A, sh.S, sh.H, sh.W, suppress, img_h, img_w);
+      const std::vector<float> eight =
+          generate(8, base, sh.A, sh.S, sh.H, sh.W, suppress, img_h, img_w);
       ASSERT_EQ(one.size(), ref.size());
       EXPECT_EQ(memcmp(one.data(), ref.data(), ref.size() * 4), 0) << sh.H << " " << suppress;
       EXPECT_EQ(memcmp(eight.data(), ref.data(), ref.size() * 4), 0) << sh.H << " " << suppress;

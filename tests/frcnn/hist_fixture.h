@@ -19,7 +19,8 @@ class hist_fixture {
  public:
   explicit hist_fixture(uint32_t K = 0) {
     t.map = static_cast<uint32_t*>(must(ol::ol_malloc(size_t{ol::k_hist_buckets} * 64 * 4)));
-    t.list = static_cast<ol::hist_bucket*>(must(ol::ol_calloc(ol::k_hist_buckets, sizeof(ol::hist_bucket))));
+    t.list = static_cast<ol::hist_bucket*>(
+        must(ol::ol_calloc(ol::k_hist_buckets, sizeof(ol::hist_bucket))));
     t.free_nodes = nullptr;
     for (uint32_t i = 0; i < K; ++i) {
       auto* node = static_cast<ol::hist_row_node*>(must(ol::ol_malloc(ol::k_hist_node_bytes)));

@@ -111,6 +111,12 @@ TEST(HistOrder, DescendingZerosAdjacentNanLastEveryPatternOnce) {
   ol::hist_build_order(again.data(), 65536);
   EXPECT_EQ(order, again);
 
+  // Any other count goes through the sort itself, to the same order.
+  std::vector<uint16_t> part(65535, 0);
+  ol::hist_build_order(part.data(), 65535);
+  ref.erase(std::remove(ref.begin(), ref.end(), 0xFFFF), ref.end());
+  EXPECT_EQ(part, ref);
+
   // Consistent with the comparator given to qsort.
   for (size_t i = 0; i + 1 < 65536; ++i) {
     if (is_nan(order[i + 1])) break;
@@ -120,7 +126,7 @@ TEST(HistOrder, DescendingZerosAdjacentNanLastEveryPatternOnce) {
 
 TEST(HistOrder, Comparators) {
   auto cmp = [](uint16_t a, uint16_t b) { return ol::bucket_order_cmp(&a, &b); };
-  EXPECT_EQ(cmp(0x3C00, 0x4000), 1);   // 1 after 2
+  EXPECT_EQ(cmp(0x3C00, 0x4000), 1);  // 1 after 2
   EXPECT_EQ(cmp(0x4000, 0x3C00), -1);
   EXPECT_EQ(cmp(0x0001, 0x0000), -1);  // smallest subnormal before +0
   EXPECT_EQ(cmp(0x0000, 0x8000), 0);   // +0 == -0
@@ -217,10 +223,9 @@ TEST(HistInsert, NodeAllocationFailureStopsInsertion) {
   std::vector<uint16_t> s;
   for (int i = 0; i < 1200; ++i) s.push_back(i % 2 ? 0x3800 : 0x3C00);
   g_nodes_left = 1;  // the free node plus one allocation: 2 of the 3 needed
-  ol::alloc_hooks hooks = {[](size_t bytes, void*) {
-                             return bytes != ol::k_hist_node_bytes || g_nodes_left-- > 0;
-                           },
-                           nullptr};
+  ol::alloc_hooks hooks = {
+      [](size_t bytes, void*) { return bytes != ol::k_hist_node_bytes || g_nodes_left-- > 0; },
+      nullptr};
   ol::hist_reset(&fx.t);
   ol::set_alloc_hooks(&hooks);
   testing::internal::CaptureStderr();
@@ -285,7 +290,8 @@ TEST(HistWalk, ResumedWalksEqualOneWalk) {
   ol_test::rng r(7);
   for (int round = 0; round < 200; ++round) {
     std::vector<uint32_t> pieces;
-    for (int k = 0; k < 6; ++k) pieces.push_back(static_cast<uint32_t>(r.range(1, round % 4 ? 40 : 600)));
+    for (int k = 0; k < 6; ++k)
+      pieces.push_back(static_cast<uint32_t>(r.range(1, round % 4 ? 40 : 600)));
     ASSERT_EQ(walk_in_pieces(fx, pieces), one) << round;
   }
 }
@@ -293,15 +299,15 @@ TEST(HistWalk, ResumedWalksEqualOneWalk) {
 TEST(HistWalk, RandomScoresWithTiesZerosAndNaNs) {
   hist_fixture fx(4);
   ol_test::rng r(11);
-  const std::vector<uint16_t> pool = {0x0000, 0x8000, 0x7C00, 0xFC00, 0x7E00, 0xFFFF, 0x7C01,
-                                      0x3C00, 0xBC00, 0x0001, 0x8001, 0x3555};
+  const std::vector<uint16_t> pool = {0x0000, 0x8000, 0x7C00, 0xFC00, 0x7E00, 0xFFFF,
+                                      0x7C01, 0x3C00, 0xBC00, 0x0001, 0x8001, 0x3555};
   for (int round = 0; round < 30; ++round) {
     std::vector<uint16_t> s(static_cast<size_t>(r.range(1, 3000)));
     for (auto& v : s) {
       const uint32_t pick = r.next() % 4;
-      v = pick == 0 ? pool[r.next() % pool.size()]
-                    : pick == 1 ? static_cast<uint16_t>(r.next())
-                                : ol_test::h(r.uniform(0.0f, round % 2 ? 1.0f : 0.01f));
+      v = pick == 0   ? pool[r.next() % pool.size()]
+          : pick == 1 ? static_cast<uint16_t>(r.next())
+                      : ol_test::h(r.uniform(0.0f, round % 2 ? 1.0f : 0.01f));
     }
     insert(fx, s);
     const std::vector<uint32_t> ref = ref_sorted(s);
@@ -401,8 +407,8 @@ TEST(RpnSort, HistogramMatchesComparisonOnDistinctScores) {
     // Halves in (0, 1) offer about 15,000 distinct patterns.
     const size_t M = static_cast<size_t>(r.range(1, round % 2 ? 20000 : 12000));
     while (s.size() < M) {
-      const uint16_t v = round % 2 ? static_cast<uint16_t>(r.next())
-                                   : ol_test::h(r.uniform(0.0f, 1.0f));
+      const uint16_t v =
+          round % 2 ? static_cast<uint16_t>(r.next()) : ol_test::h(r.uniform(0.0f, 1.0f));
       if (used[v] || is_nan(v)) continue;
       used[v] = true;
       s.push_back(v);
