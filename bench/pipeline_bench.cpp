@@ -91,7 +91,7 @@ void pipeline_step(benchmark::State& state) {
         break;
       case 1:
         ol::rpn_sort(&ctx->hist, ctx->rpn_cls_nopitch, ctx->desc.pre_nms_num, ctx->order_buf, M,
-                     ctx->desc.is_use_qsort);
+                     ctx->desc.is_use_qsort, ctx->sort_scratch);
         break;
       case 2:
         benchmark::DoNotOptimize(ol::rpn_decode(ctx, p.frame.bbox.data(), n, M));

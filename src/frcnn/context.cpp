@@ -89,6 +89,9 @@ bool alloc_buffers(frcnn_context* ctx, const float* base_anchors) {
                   "malloc for detections err"))
     return false;
   if (!alloc_into(ctx->order_buf, sat_mul(N, 4), "malloc for order_buf err")) return false;
+  if (d.is_use_qsort &&
+      !alloc_into(ctx->sort_scratch, sat_mul(N, 4), "malloc for order_buf err"))
+    return false;
   // order_rpn_index, and the parallel filter's per-anchor counts and tasks.
   if (!alloc_into(ctx->order_rpn_index, sat_mul(N, 4), "malloc for order_rpn_index ") ||
       !alloc_into(ctx->filter_counts, A * 4, "malloc for order_rpn_index ") ||
@@ -178,7 +181,7 @@ void frcnn_release(frcnn_context* ctx) {
       reinterpret_cast<void**>(&ctx->class_nms_scratch), reinterpret_cast<void**>(&ctx->stage_tasks),
       reinterpret_cast<void**>(&ctx->rcnn_boxes), reinterpret_cast<void**>(&ctx->filter_tasks),
       reinterpret_cast<void**>(&ctx->filter_counts), reinterpret_cast<void**>(&ctx->order_rpn_index),
-      reinterpret_cast<void**>(&ctx->order_buf),  reinterpret_cast<void**>(&ctx->nms_scratch),
+      reinterpret_cast<void**>(&ctx->order_buf),  reinterpret_cast<void**>(&ctx->sort_scratch),  reinterpret_cast<void**>(&ctx->nms_scratch),
       reinterpret_cast<void**>(&ctx->detections), reinterpret_cast<void**>(&ctx->rpn_cls_nopitch),
       reinterpret_cast<void**>(&ctx->anchors),
   };

@@ -27,6 +27,7 @@ struct frcnn_context {
   uint16_t* rpn_cls_nopitch;   // candidate scores (half patterns)
   uint16_t* detections;        // pre_nms_num proposal records of 5 halves
   uint32_t* order_buf;         // sorted candidate numbers
+  uint32_t* sort_scratch;      // N, merge space of the comparison sort (is_use_qsort only)
   uint32_t* order_rpn_index;   // position index of each candidate
   float* rcnn_boxes;           // post_nms_num * class_num boxes of 4 floats
 

@@ -367,12 +367,59 @@ void hist_release(hist_tables* t) {
 
 // ---- rpn_sort -------------------------------------------------------------
 
+namespace {
+
+// score_desc_cmp(a, b) > 0, i.e. b strictly better than a. Differences of
+// two halves are exact in single precision, so this is the plain compare.
+inline bool better(const uint16_t* scores, uint32_t b, uint32_t a) {
+  return opt_layers_half::to_float(scores[b]) > opt_layers_half::to_float(scores[a]);
+}
+
+// Stable merge sort of candidate numbers with the ordering of
+// score_desc_cmp (best first, a NaN equal to everything), on a scratch
+// array of M entries instead of the heap. Equal scores keep increasing
+// candidate numbers, on every platform.
+void merge_sort_desc(uint32_t* order, uint32_t* scratch, uint32_t M, const uint16_t* scores) {
+  constexpr uint32_t k_run = 16;
+  for (uint32_t lo = 0; lo < M; lo += k_run) {  // insertion-sorted runs
+    const uint32_t hi = lo + k_run < M ? lo + k_run : M;
+    for (uint32_t i = lo + 1; i < hi; ++i) {
+      const uint32_t v = order[i];
+      uint32_t j = i;
+      for (; j > lo && better(scores, v, order[j - 1]); --j) order[j] = order[j - 1];
+      order[j] = v;
+    }
+  }
+  uint32_t* src = order;
+  uint32_t* dst = scratch;
+  for (uint32_t width = k_run; width < M; width *= 2) {
+    for (uint32_t lo = 0; lo < M; lo += 2 * width) {
+      const uint32_t mid = lo + width < M ? lo + width : M;
+      const uint32_t hi = mid + width < M ? mid + width : M;
+      uint32_t l = lo, r = mid, o = lo;
+      while (l < mid && r < hi) dst[o++] = better(scores, src[r], src[l]) ? src[r++] : src[l++];
+      while (l < mid) dst[o++] = src[l++];
+      while (r < hi) dst[o++] = src[r++];
+    }
+    uint32_t* tmp = src;
+    src = dst;
+    dst = tmp;
+  }
+  if (src != order) memcpy(order, src, static_cast<size_t>(M) * sizeof(uint32_t));
+}
+
+}  // namespace
+
 void rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num, uint32_t* order_buf,
-              uint32_t M, bool use_qsort) {
+              uint32_t M, bool use_qsort, uint32_t* sort_scratch) {
   if (M == 0) return;
   if (use_qsort) {
     for (uint32_t i = 0; i < M; ++i) order_buf[i] = i;
-    qsort_r(order_buf, M, sizeof(uint32_t), score_desc_cmp, const_cast<uint16_t*>(scores));
+    if (sort_scratch != nullptr) {
+      merge_sort_desc(order_buf, sort_scratch, M, scores);
+    } else {
+      qsort_r(order_buf, M, sizeof(uint32_t), score_desc_cmp, const_cast<uint16_t*>(scores));
+    }
     return;
   }
   hist_reset(t);

@@ -76,10 +76,12 @@ int score_desc_cmp(const void* a, const void* b, void* scores);
 int bucket_order_cmp(const void* a, const void* b);
 
 // Orders candidates 0..M-1 into order_buf: all M on the comparison path,
-// the best min(M, pre_nms_num) on the histogram path, which also leaves the
-// cursor ready for resumed walks. M = 0 does nothing at all.
+// the best min(M, pre_nms_num) on the histogram path. M = 0 does nothing.
+// The comparison path sorts stably with the ordering of score_desc_cmp on
+// sort_scratch (M entries, owned by the context) so that a frame never
+// allocates; without scratch it falls back to qsort_r.
 void rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num, uint32_t* order_buf,
-              uint32_t M, bool use_qsort);
+              uint32_t M, bool use_qsort, uint32_t* sort_scratch = nullptr);
 
 }  // namespace ol
 

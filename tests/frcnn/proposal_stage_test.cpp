@@ -180,8 +180,8 @@ TEST(score_filter, threshold_is_truncated_and_strict) {
 
 // The whole stage against the direct formulation, on realistic frames with
 // drops (min_size large enough to reject many candidates), in every mode,
-// with 1 and 8 workers. The histogram path must reproduce the stable order
-// exactly; the comparison path equals it where scores are distinct.
+// with 1 and 8 workers, on both sort paths: both must reproduce the stable
+// order exactly.
 TEST(proposal_stage, matches_direct_formulation) {
   const std::vector<float> anchors = ol_test::base_anchors_9();
   for (int mode = 0; mode < 3; ++mode)
@@ -197,11 +197,15 @@ TEST(proposal_stage, matches_direct_formulation) {
       ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 10 + mode);
       const std::vector<uint16_t> want = reference_proposals(d, anchors, f);
       ASSERT_GT(want.size(), 50u);
-      for (uint8_t threads : {1, 8}) {
-        d.thread_num = threads;
-        handle h(d, anchors);
-        EXPECT_EQ(run_prenms(h.h, f), want) << mode << " " << type << " " << int(threads);
-      }
+      // The comparison path sorts stably too, so ties agree as well.
+      for (uint8_t threads : {1, 8})
+        for (uint8_t qsort : {0, 1}) {
+          d.thread_num = threads;
+          d.is_use_qsort = qsort;
+          handle h(d, anchors);
+          EXPECT_EQ(run_prenms(h.h, f), want)
+              << mode << " " << type << " " << int(threads) << " " << int(qsort);
+        }
     }
 }
 
