@@ -8,6 +8,7 @@
 
 #include "common/frame_gen.h"
 #include "frcnn/context.h"
+#include "frcnn/nms.h"
 #include "frcnn/rpn_stage.h"
 
 namespace {
@@ -84,6 +85,9 @@ void pipeline_step(benchmark::State& state) {
   const uint16_t T = opt_layers_half::from_float_trunc(ctx->desc.rpn_cls_threshold);
   uint32_t M = ol::rpn_score_filter(ctx, cls, T);
   const uint32_t n = M < ctx->desc.pre_nms_num ? M : ctx->desc.pre_nms_num;
+  ol::rpn_sort(&ctx->hist, ctx->rpn_cls_nopitch, ctx->desc.pre_nms_num, ctx->order_buf, M,
+               ctx->desc.is_use_qsort, ctx->sort_scratch);
+  const int K = ol::rpn_decode(ctx, p.frame.bbox.data(), n, M);
   for (auto _ : state) {
     switch (state.range(0)) {
       case 0:
@@ -96,9 +100,13 @@ void pipeline_step(benchmark::State& state) {
       case 2:
         benchmark::DoNotOptimize(ol::rpn_decode(ctx, p.frame.bbox.data(), n, M));
         break;
+      case 3:
+        benchmark::DoNotOptimize(ol::nms_kernel(p.nms_out.data(), ctx->detections, K,
+                                                ctx->desc.pre_nms_iou, 300, ctx->nms_scratch));
+        break;
     }
   }
-  static const char* names[] = {"filter", "sort", "decode"};
+  static const char* names[] = {"filter", "sort", "decode", "nms"};
   state.SetLabel(std::string(names[state.range(0)]) + (state.range(1) ? " qsort" : " hist"));
 }
 BENCHMARK(pipeline_step)
@@ -106,6 +114,7 @@ BENCHMARK(pipeline_step)
     ->Args({1, 0})
     ->Args({1, 1})
     ->Args({2, 0})
+    ->Args({3, 0})
     ->Unit(benchmark::kMicrosecond)
     ->UseRealTime();
 

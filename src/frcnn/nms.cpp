@@ -1,16 +1,15 @@
 // Greedy non-maximum suppression over proposal records (x1 y1 x2 y2 score,
 // halves), boxes taken in input order.
 //
-// The kernel keeps the boxes in structure-of-arrays form (x1, y1, x2, y2,
-// area as floats, input index as u32) and tests a kept box against the rest
-// of the list four boxes at a time. A suppressed box is flagged in the top
-// bit of its index (indices are below 2^15); once enough flagged boxes have
-// piled up behind the current box, the next sweep also packs the list,
-// moving the unflagged boxes down in place. Most sweeps thus only read, and
-// suppressed boxes stop costing anything at the next packing.
+// The kernel converts the boxes once to structure-of-arrays floats (x1, y1,
+// x2, y2, area) and then takes them in input order: a box is kept when no
+// kept box suppresses it, tested four kept boxes at a time and stopping at
+// the first hit. Only kept boxes ever suppress, so this is the greedy
+// result; it stops as soon as max_out boxes are kept, and a suppressed box
+// usually costs a few tests.
 //
 // Arithmetic of the overlap test, all single precision, identical in the
-// vector sweep and the scalar fallback:
+// vector test and the scalar fallback:
 //   w = min(x2c, x2j) - max(x1c, x1j) + 1;  j stays if w <= 0
 //   h = min(y2c, y2j) - max(y1c, y1j) + 1;  j stays if h <= 0
 //   inter = w * h;  j is suppressed if (area_c + area_j - inter) * thr < inter
@@ -36,7 +35,6 @@ namespace {
 typedef float f32x4 __attribute__((vector_size(16)));
 typedef int32_t i32x4 __attribute__((vector_size(16)));
 typedef uint32_t u32x4 __attribute__((vector_size(16)));
-typedef uint8_t u8x16 __attribute__((vector_size(16)));
 
 // The box count is a signed 16-bit number: larger ints are reduced to their
 // low 16 bits, so 40000 examines nothing and 70000 examines 4464 boxes.
@@ -44,27 +42,25 @@ inline int count16(int count) {
   return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(count)));
 }
 
-// Entries per scratch array: the sweep loads and stores four entries from
+// Entries per scratch array: the test loads four entries from
 // any list position below the box count, so three entries of slack follow
 // the boxes; rounding to four keeps every array 16-byte aligned.
 inline size_t list_capacity(uint32_t n) { return (static_cast<size_t>(n) + 3 + 3) & ~size_t{3}; }
 
-constexpr int k_arrays = 6;  // x1, y1, x2, y2, area, index
+constexpr int k_arrays = 5;  // x1, y1, x2, y2, area
 
-// The compact list of live boxes.
+// The boxes, and at the front the kept ones.
 struct box_list {
   float* x1;
   float* y1;
   float* x2;
   float* y2;
   float* area;
-  uint32_t* index;
 };
 
 box_list carve(void* scratch, size_t cap) {
   float* f = static_cast<float*>(scratch);
-  return box_list{f, f + cap, f + 2 * cap, f + 3 * cap, f + 4 * cap,
-                  reinterpret_cast<uint32_t*>(f + 5 * cap)};
+  return box_list{f, f + cap, f + 2 * cap, f + 3 * cap, f + 4 * cap};
 }
 
 inline f32x4 loadf(const float* p) {
@@ -72,13 +68,6 @@ inline f32x4 loadf(const float* p) {
   memcpy(&v, p, sizeof v);
   return v;
 }
-inline u8x16 loadb(const void* p) {
-  u8x16 v;
-  memcpy(&v, p, sizeof v);
-  return v;
-}
-inline void storeb(void* p, u8x16 v) { memcpy(p, &v, sizeof v); }
-
 inline f32x4 vmin(f32x4 a, f32x4 b) { return a < b ? a : b; }
 inline f32x4 vmax(f32x4 a, f32x4 b) { return a > b ? a : b; }
 
@@ -93,37 +82,6 @@ inline unsigned lane_bits(i32x4 m) {
   return b[0] | b[1] | b[2] | b[3];
 #endif
 }
-
-// Byte shuffles that move the lanes selected by a 4-bit mask to the front,
-// in order (the remaining lanes are don't-care).
-struct pack_table {
-  alignas(16) uint8_t shuffle[16][16];
-  uint8_t count[16];
-};
-
-constexpr pack_table make_pack_table() {
-  pack_table t{};
-  for (int m = 0; m < 16; ++m) {
-    int k = 0;
-    for (int lane = 0; lane < 4; ++lane) {
-      if (m & (1 << lane)) {
-        for (int b = 0; b < 4; ++b) t.shuffle[m][k * 4 + b] = static_cast<uint8_t>(lane * 4 + b);
-        ++k;
-      }
-    }
-    for (int b = k * 4; b < 16; ++b) t.shuffle[m][b] = static_cast<uint8_t>(b);
-    t.count[m] = static_cast<uint8_t>(k);
-  }
-  return t;
-}
-
-constexpr pack_table k_pack = make_pack_table();
-
-inline void pack_store(void* dst, const void* src, u8x16 shuffle) {
-  storeb(dst, __builtin_shuffle(loadb(src), shuffle));
-}
-
-constexpr uint32_t k_flag = 0x80000000u;  // index bit: suppressed
 
 // The kept box, broadcast to all lanes, and the threshold.
 struct kept_box {
@@ -145,55 +103,6 @@ inline i32x4 suppressed_lanes(const box_list& l, int r, const kept_box& c) {
 // Lane bits of the entries r..r+3 that lie inside a list of `alive`.
 inline unsigned tail_bits(int r, int alive) {
   return alive - r >= 4 ? 0xFu : (1u << (alive - r)) - 1;
-}
-
-inline i32x4 load_index(const box_list& l, int r) {
-  i32x4 v;
-  memcpy(&v, l.index + r, sizeof v);
-  return v;
-}
-
-// Tests entries from..alive-1 against c and flags the ones it suppresses.
-// Returns how many were newly flagged.
-int sweep_flag(const box_list& l, int from, int alive, const kept_box& c) {
-  const i32x4 flag = {INT32_MIN, INT32_MIN, INT32_MIN, INT32_MIN};
-  int flagged = 0;
-  for (int r = from; r < alive; r += 4) {
-    const i32x4 idx = load_index(l, r);
-    const i32x4 fresh = suppressed_lanes(l, r, c) & ~(idx & flag);
-    const unsigned bits = lane_bits(fresh) & tail_bits(r, alive);
-    if (bits == 0) continue;
-    // Flags may also land on slack lanes past the list: never read as boxes.
-    const i32x4 marked = idx | (fresh & flag);
-    memcpy(l.index + r, &marked, sizeof marked);
-    flagged += k_pack.count[bits];
-  }
-  return flagged;
-}
-
-// Tests entries from..alive-1 against c and moves the entries that are
-// neither flagged nor suppressed by c down to start at `from`, in order.
-// Returns the new list length.
-int sweep_pack(const box_list& l, int from, int alive, const kept_box& c) {
-  int w = from;
-  for (int r = from; r < alive; r += 4) {
-    // A flagged index is negative as a signed lane.
-    const i32x4 keep = ~suppressed_lanes(l, r, c) & (load_index(l, r) >= 0);
-    const unsigned bits = lane_bits(keep) & tail_bits(r, alive);
-    if (bits == 0xF && w == r) {  // nothing moved yet and nothing to drop
-      w += 4;
-      continue;
-    }
-    const u8x16 s = loadb(k_pack.shuffle[bits]);
-    pack_store(l.x1 + w, l.x1 + r, s);
-    pack_store(l.y1 + w, l.y1 + r, s);
-    pack_store(l.x2 + w, l.x2 + r, s);
-    pack_store(l.y2 + w, l.y2 + r, s);
-    pack_store(l.area + w, l.area + r, s);
-    pack_store(l.index + w, l.index + r, s);
-    w += k_pack.count[bits];
-  }
-  return w;
 }
 
 inline void copy_box(uint16_t* out, const uint16_t* in) { memcpy(out, in, 4 * sizeof(uint16_t)); }
@@ -272,34 +181,42 @@ int nms_kernel(uint16_t* out, const uint16_t* in, int count, float iou_threshold
     l.x2[i] = x2;
     l.y2[i] = y2;
     l.area[i] = inclusive_size(x1, x2) * inclusive_size(y1, y2);
-    l.index[i] = static_cast<uint32_t>(i);
   }
-  // The slack after the boxes is read by the last vector of a sweep (and its
+  // The slack after the boxes is read by the last vector of a test (and its
   // lanes ignored): give it defined contents.
   for (size_t i = static_cast<size_t>(n); i < cap; ++i) {
     l.x1[i] = l.y1[i] = l.x2[i] = l.y2[i] = l.area[i] = 0.0f;
-    l.index[i] = 0;
   }
 
+  // A box is kept exactly when no earlier kept box suppresses it (only kept
+  // boxes suppress), so each box in input order is tested against the kept
+  // boxes, four at a time, stopping at the first that suppresses it. The
+  // overlap test is symmetric in its two boxes (min, max, the area sum), so
+  // this gives the greedy result, and the scan stops as soon as max_out boxes
+  // are kept instead of testing every kept box against every later one. The
+  // kept boxes are packed at the front of the same arrays: kept entry k is
+  // written at k <= j, after box j has been read.
   const f32x4 thr = {iou_threshold, iou_threshold, iou_threshold, iou_threshold};
   int kept = 0;
-  int alive = n;    // list length
-  int flagged = 0;  // flagged entries after p
-  for (int p = 0; p < alive;) {
-    copy_box(out + static_cast<size_t>(kept) * 4, in + static_cast<size_t>(l.index[p]) * 5);
-    if (++kept == max_out) break;
-    const float x1 = l.x1[p], y1 = l.y1[p], x2 = l.x2[p], y2 = l.y2[p], a = l.area[p];
+  for (int j = 0; j < n; ++j) {
+    const float x1 = l.x1[j], y1 = l.y1[j], x2 = l.x2[j], y2 = l.y2[j], a = l.area[j];
     const kept_box c = {f32x4{x1, x1, x1, x1}, f32x4{y1, y1, y1, y1}, f32x4{x2, x2, x2, x2},
                         f32x4{y2, y2, y2, y2}, f32x4{a, a, a, a},   thr};
-    // Pack once the flagged entries make up a sixteenth of the rest.
-    if (flagged * 16 > alive - p) {
-      alive = sweep_pack(l, p + 1, alive, c);
-      flagged = 0;
-    } else {
-      flagged += sweep_flag(l, p + 1, alive, c);
+    bool suppressed = false;
+    for (int r = 0; r < kept; r += 4) {
+      if (lane_bits(suppressed_lanes(l, r, c)) & tail_bits(r, kept)) {
+        suppressed = true;
+        break;
+      }
     }
-    // Next unflagged entry.
-    for (++p; p < alive && (l.index[p] & k_flag) != 0; ++p) --flagged;
+    if (suppressed) continue;
+    copy_box(out + static_cast<size_t>(kept) * 4, in + static_cast<size_t>(j) * 5);
+    l.x1[kept] = x1;
+    l.y1[kept] = y1;
+    l.x2[kept] = x2;
+    l.y2[kept] = y2;
+    l.area[kept] = a;
+    if (++kept == max_out) break;
   }
   return kept;
 }
