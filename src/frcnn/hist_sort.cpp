@@ -408,6 +408,37 @@ void merge_sort_desc(uint32_t* order, uint32_t* scratch, uint32_t M, const uint1
   if (src != order) memcpy(order, src, static_cast<size_t>(M) * sizeof(uint32_t));
 }
 
+// Without NaN scores the ordering of score_desc_cmp is a total preorder on
+// the half values, so a stable two-pass radix sort on a 16-bit descending
+// key gives exactly the stable comparison sort, in linear time. Returns
+// false (and leaves order alone) when a NaN is present.
+bool radix_sort_desc(uint32_t* order, uint32_t* scratch, uint32_t M, const uint16_t* scores) {
+  // Key: 0x7C00 minus the signed magnitude, so +inf -> 0 and -inf -> 0xF800;
+  // +0 and -0 share a key.
+  auto key = [scores](uint32_t i) {
+    const uint32_t h = scores[i];
+    const uint32_t m = h & 0x7FFFu;
+    return (h & 0x8000u) ? 0x7C00u + m : 0x7C00u - m;
+  };
+  uint32_t lo[257] = {0}, hi[257] = {0};
+  for (uint32_t i = 0; i < M; ++i) {
+    if ((scores[i] & 0x7FFFu) > 0x7C00u) return false;
+    const uint32_t k = key(i);
+    ++lo[(k & 0xFFu) + 1];
+    ++hi[(k >> 8) + 1];
+  }
+  for (int b = 0; b < 256; ++b) {
+    lo[b + 1] += lo[b];
+    hi[b + 1] += hi[b];
+  }
+  for (uint32_t i = 0; i < M; ++i) scratch[lo[key(i) & 0xFFu]++] = i;
+  for (uint32_t i = 0; i < M; ++i) {
+    const uint32_t c = scratch[i];
+    order[hi[key(c) >> 8]++] = c;
+  }
+  return true;
+}
+
 }  // namespace
 
 void rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num, uint32_t* order_buf,
@@ -416,7 +447,8 @@ void rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num, uint
   if (use_qsort) {
     for (uint32_t i = 0; i < M; ++i) order_buf[i] = i;
     if (sort_scratch != nullptr) {
-      merge_sort_desc(order_buf, sort_scratch, M, scores);
+      if (!radix_sort_desc(order_buf, sort_scratch, M, scores))
+        merge_sort_desc(order_buf, sort_scratch, M, scores);
     } else {
       qsort_r(order_buf, M, sizeof(uint32_t), score_desc_cmp, const_cast<uint16_t*>(scores));
     }
