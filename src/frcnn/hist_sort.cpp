@@ -350,12 +350,34 @@ void hist_release(hist_tables* t) {
 
 // ---- rpn_sort -------------------------------------------------------------
 
+void score_merge_sort(uint32_t* v, uint32_t n, const uint16_t* scores, uint32_t* scratch) {
+  if (n <= 1) return;
+  const uint32_t n1 = n / 2;
+  score_merge_sort(v, n1, scores, scratch);
+  score_merge_sort(v + n1, n - n1, scores, scratch);
+  // Merge: the left run moves to the scratch, the right run stays in place;
+  // the output never overtakes the unread part of the right run.
+  memcpy(scratch, v, n1 * sizeof(uint32_t));
+  uint32_t i = 0, j = n1, k = 0;
+  void* arg = const_cast<uint16_t*>(scores);
+  while (i < n1 && j < n) {
+    if (score_desc_cmp(&scratch[i], &v[j], arg) <= 0)
+      v[k++] = scratch[i++];
+    else
+      v[k++] = v[j++];
+  }
+  while (i < n1) v[k++] = scratch[i++];
+}
+
 void rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num, uint32_t* order_buf,
-              uint32_t M, bool use_qsort) {
+              uint32_t M, bool use_qsort, uint32_t* merge_scratch) {
   if (M == 0) return;
   if (use_qsort) {
     for (uint32_t i = 0; i < M; ++i) order_buf[i] = i;
-    qsort_r(order_buf, M, sizeof(uint32_t), score_desc_cmp, const_cast<uint16_t*>(scores));
+    if (merge_scratch != nullptr)
+      score_merge_sort(order_buf, M, scores, merge_scratch);
+    else
+      qsort_r(order_buf, M, sizeof(uint32_t), score_desc_cmp, const_cast<uint16_t*>(scores));
     return;
   }
   hist_reset(t);

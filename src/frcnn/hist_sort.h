@@ -78,8 +78,17 @@ int bucket_order_cmp(const void* a, const void* b);
 // Orders candidates 0..M-1 into order_buf: all M on the comparison path,
 // the best min(M, pre_nms_num) on the histogram path, which also leaves the
 // cursor ready for resumed walks. M = 0 does nothing at all.
+// merge_scratch (room for M / 2 u32) makes the comparison path run the merge
+// sort below instead of qsort_r, which would take a heap buffer per call;
+// NULL uses qsort_r.
 void rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num, uint32_t* order_buf,
-              uint32_t M, bool use_qsort);
+              uint32_t M, bool use_qsort, uint32_t* merge_scratch = nullptr);
+
+// Sorts v[0..n) with score_desc_cmp exactly as glibc's qsort_r does (its
+// top-down merge sort: halves of n / 2 and n - n / 2, the left element
+// taken on ties), so the order of equal and NaN scores is the same, but
+// with caller-owned scratch of n / 2 u32 instead of a heap buffer.
+void score_merge_sort(uint32_t* v, uint32_t n, const uint16_t* scores, uint32_t* scratch);
 
 }  // namespace ol
 

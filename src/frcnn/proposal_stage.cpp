@@ -26,7 +26,12 @@ int frcnn_prenms(frcnn_context* ctx, const uint16_t* rpn_cls, const uint16_t* rp
   const uint32_t n = M < d.pre_nms_num ? M : d.pre_nms_num;
   int K = 0;
   if (n > 0) {
-    rpn_sort(&ctx->hist, ctx->rpn_cls_nopitch, d.pre_nms_num, ctx->order_buf, M, d.is_use_qsort);
+    // The comparison sort's scratch is the upper half of rpn_cls_nopitch
+    // (N * 4 bytes, of which the M candidate scores use the first M * 2): it
+    // needs M / 2 u32, and the filter that also uses it has finished.
+    const uintptr_t spare = (reinterpret_cast<uintptr_t>(ctx->rpn_cls_nopitch + M) + 3) & ~uintptr_t{3};
+    rpn_sort(&ctx->hist, ctx->rpn_cls_nopitch, d.pre_nms_num, ctx->order_buf, M, d.is_use_qsort,
+             reinterpret_cast<uint32_t*>(spare));
     K = rpn_decode(ctx, rpn_bbox, n, M);
   }
   pthread_mutex_unlock(&ctx->lock);
