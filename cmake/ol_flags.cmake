@@ -24,6 +24,12 @@ function(ol_sanitize target)
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined
       -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+  elseif(OL_SANITIZE STREQUAL "fuzzer")
+    # libFuzzer builds (clang): coverage instrumentation without libFuzzer's
+    # main, plus ASan and UBSan; fuzz targets add -fsanitize=fuzzer.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link,address,undefined
+      -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=address,undefined)
   elseif(OL_SANITIZE STREQUAL "thread")
     target_compile_options(${target} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=thread)
