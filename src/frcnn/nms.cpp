@@ -120,7 +120,16 @@ constexpr pack_table make_pack_table() {
 constexpr pack_table k_pack = make_pack_table();
 
 inline void pack_store(void* dst, const void* src, u8x16 shuffle) {
+#if defined(__clang__)
+  // clang has no variable-index __builtin_shuffle (only the sanitizer and
+  // fuzzing builds use clang): the same byte gather, lane by lane.
+  const u8x16 v = loadb(src);
+  u8x16 r;
+  for (int i = 0; i < 16; ++i) r[i] = v[shuffle[i] & 15];
+  storeb(dst, r);
+#else
   storeb(dst, __builtin_shuffle(loadb(src), shuffle));
+#endif
 }
 
 constexpr uint32_t k_flag = 0x80000000u;  // index bit: suppressed
