@@ -24,6 +24,15 @@ function(ol_sanitize target)
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined
       -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=address,undefined)
+  elseif(OL_SANITIZE STREQUAL "fuzzer")
+    # libFuzzer builds (clang): coverage instrumentation without libFuzzer's
+    # main, plus ASan and UBSan; fuzz targets add -fsanitize=fuzzer.
+    # clang links shared objects without the sanitizer runtime, which the
+    # program brings: the shared library may keep those references open.
+    target_compile_options(${target} PRIVATE -fsanitize=fuzzer-no-link,address,undefined
+      -fsanitize-coverage-ignorelist=${PROJECT_SOURCE_DIR}/fuzz/coverage_ignore.txt
+      -fno-sanitize-recover=all -fno-omit-frame-pointer)
+    target_link_options(${target} PRIVATE -fsanitize=address,undefined -Wl,-z,undefs)
   elseif(OL_SANITIZE STREQUAL "thread")
     target_compile_options(${target} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=thread)

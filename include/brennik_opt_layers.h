@@ -313,7 +313,8 @@ OPT_LAYERS_API int opt_layers_instance_frcnn_post_nms(void* handle, half_float::
 // priority; writes kept boxes (4 halves) to out, at most max_out of them.
 // Box sizes are inclusive (x2 - x1 + 1). A box is suppressed when its IoU
 // with an earlier kept box is strictly above iou_threshold. count must not
-// exceed 32767. Returns the number of boxes written.
+// exceed 32767; a count or max_out of 0 or below writes nothing. Returns the
+// number of boxes written.
 OPT_LAYERS_API int nms(half_float::half* out, half_float::half* in, int count, float iou_threshold,
                        int max_out);
 

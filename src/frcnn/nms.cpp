@@ -165,8 +165,10 @@ size_t nms_scratch_bytes(uint32_t count) {
 
 int nms_kernel(uint16_t* out, const uint16_t* in, int count, float iou_threshold, int max_out,
                void* scratch) {
+  // A negative count has no boxes, also where its low 16 bits would read as
+  // a positive count.
   const int n = count16(count);
-  if (n <= 0 || max_out <= 0) return 0;
+  if (count <= 0 || n <= 0 || max_out <= 0) return 0;
 
   const size_t cap = list_capacity(static_cast<uint32_t>(n));
   const box_list l = carve(scratch, cap);
@@ -228,7 +230,7 @@ int nms_kernel(uint16_t* out, const uint16_t* in, int count, float iou_threshold
 // out, from the scratch-free path.
 int nms(half_float::half* out, half_float::half* in, int count, float iou_threshold, int max_out) {
   const int n = ol::count16(count);
-  if (n <= 0 || max_out <= 0) return 0;
+  if (count <= 0 || n <= 0 || max_out <= 0) return 0;  // see nms_kernel
   uint16_t* o = ol::half_bits_ptr(out);
   const uint16_t* i = ol::half_bits_ptr(in);
   const size_t bytes = ol::nms_scratch_bytes(static_cast<uint32_t>(n));

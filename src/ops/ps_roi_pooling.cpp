@@ -13,6 +13,14 @@
 #include "brennik_opt_layers.h"
 #include "ops/ps_roi_pooling_kernels.h"
 
+// Keeps the scalar twin scalar under GCC; clang has no such function
+// attribute (it only builds the fuzzing targets) and ignores it.
+#if defined(__clang__)
+#define OL_NO_TREE_VECTORIZE
+#else
+#define OL_NO_TREE_VECTORIZE __attribute__((optimize("no-tree-vectorize")))
+#endif
+
 namespace ol {
 namespace {
 
@@ -131,7 +139,7 @@ void pool_general(const bin_span& b, int channels, float* cell) {
 
 // Scalar twin of pool_general, one channel at a time; kept scalar (no
 // auto-vectorisation) as the baseline of the benchmarks.
-__attribute__((optimize("no-tree-vectorize"))) void pool_scalar(const bin_span& b, int channels,
+OL_NO_TREE_VECTORIZE void pool_scalar(const bin_span& b, int channels,
                                                                 float* cell) {
   for (int h = b.hstart; h < b.hend; ++h) {
     for (int w = b.wstart; w < b.wend; ++w) {

@@ -16,7 +16,7 @@ namespace ol_ref {
 
 inline int nms_ref(uint16_t* out, const uint16_t* in, int count, float iou_threshold, int max_out) {
   const int n = static_cast<int16_t>(count);  // the count is a signed 16-bit number
-  if (n <= 0 || max_out <= 0) return 0;
+  if (count <= 0 || n <= 0 || max_out <= 0) return 0;
   auto corner = [&](int i, int k) { return opt_layers_half::to_float(in[5 * i + k]); };
   std::vector<float> area(n);
   for (int i = 0; i < n; ++i)

@@ -1,0 +1,147 @@
+// Helpers shared by the fuzz targets: drawing sizes and values (NaN,
+// infinities and other edge values included) from the fuzzer's bytes, and
+// buffers sized exactly so that AddressSanitizer sees any access past them.
+#ifndef OL_FUZZ_UTIL_H
+#define OL_FUZZ_UTIL_H
+
+#include <fuzzer/FuzzedDataProvider.h>
+#include <stdint.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include "brennik_opt_layers.h"
+
+namespace ol_fuzz {
+
+// The library prints warnings per call; writing them to a terminal or a
+// pipe would dominate the run time.
+inline void silence_stdout() {
+  if (freopen("/dev/null", "w", stdout) == nullptr) perror("freopen");
+}
+
+// Aborts the run with a message: a property of the library does not hold.
+#define OL_FUZZ_CHECK(cond)                                                   \
+  do {                                                                        \
+    if (!(cond)) {                                                            \
+      fprintf(stderr, "%s:%d: check failed: %s\n", __FILE__, __LINE__, #cond); \
+      __builtin_trap();                                                       \
+    }                                                                         \
+  } while (0)
+
+constexpr uint16_t k_half_specials[] = {
+    0x0000, 0x8000,          // +0, -0
+    0x7C00, 0xFC00,          // +inf, -inf
+    0x7E00, 0xFE00, 0x7C01,  // NaNs (quiet, negative, signalling)
+    0x7BFF, 0xFBFF,          // +-65504
+    0x0001, 0x8001, 0x03FF,  // subnormals
+    0x3C00, 0xBC00, 0x3800,  // 1, -1, 0.5
+    0x6400, 0x7800,          // 1024, 32768
+};
+
+constexpr float k_float_specials[] = {
+    0.0f, -0.0f, __builtin_inff(), -__builtin_inff(), __builtin_nanf(""), -__builtin_nanf(""),
+    1.0f, -1.0f, 0.5f, 1e-45f, 3.4e38f, -3.4e38f, 65504.0f, 65536.0f, 1e9f, -1e9f, 32767.5f,
+};
+
+// A half pattern: an edge value, a value in a plausible range, or any
+// pattern at all.
+inline uint16_t draw_half(FuzzedDataProvider& in) {
+  const uint8_t kind = in.ConsumeIntegral<uint8_t>();
+  if (kind < 32) return k_half_specials[kind % (sizeof k_half_specials / 2)];
+  if (kind < 160)
+    return opt_layers_half::from_float_round(in.ConsumeFloatingPointInRange<float>(-2000.0f, 2000.0f));
+  return in.ConsumeIntegral<uint16_t>();
+}
+
+inline float draw_float(FuzzedDataProvider& in, float lo, float hi) {
+  const uint8_t kind = in.ConsumeIntegral<uint8_t>();
+  if (kind < 24) return k_float_specials[kind % (sizeof k_float_specials / sizeof(float))];
+  if (kind < 200) return in.ConsumeFloatingPointInRange<float>(lo, hi);
+  return in.ConsumeFloatingPoint<float>();
+}
+
+// A size: mostly small (0..small_max), sometimes a value at a 16- or 32-bit
+// boundary or anything at all.
+inline uint32_t draw_size(FuzzedDataProvider& in, uint32_t small_max) {
+  static const uint32_t edges[] = {0,       1,          0x7FFF,     0x8000,     0xFFFF,
+                                   0x10000, 0x7FFFFFFF, 0x80000000, 0xFFFFFFFF, 0x1000001};
+  const uint8_t kind = in.ConsumeIntegral<uint8_t>();
+  if (kind < 224) return in.ConsumeIntegralInRange<uint32_t>(0, small_max);
+  if (kind < 248) return edges[kind % (sizeof edges / sizeof edges[0])];
+  return in.ConsumeIntegral<uint32_t>();
+}
+
+// Deterministic filler for bulk arrays once the fuzzer's bytes are spent.
+struct filler {
+  uint64_t s;
+  explicit filler(uint64_t seed) : s(seed * 0x9E3779B97F4A7C15ull + 0x1234567) {}
+  uint32_t next() {
+    s ^= s << 13;
+    s ^= s >> 7;
+    s ^= s << 17;
+    return static_cast<uint32_t>(s >> 16);
+  }
+  // Mostly plausible values in [-range, range], about one in 64 an edge value.
+  uint16_t half(float range) {
+    const uint32_t r = next();
+    if ((r & 63) == 0) return k_half_specials[(r >> 6) % (sizeof k_half_specials / 2)];
+    return opt_layers_half::from_float_round(((r >> 8) & 0xFFFF) / 32768.0f * range - range);
+  }
+  float flt(float range) {
+    const uint32_t r = next();
+    if ((r & 63) == 0) return k_float_specials[(r >> 6) % (sizeof k_float_specials / sizeof(float))];
+    return ((r >> 8) & 0xFFFF) / 32768.0f * range - range;
+  }
+};
+
+// A heap array of exactly n elements (n may be 0: the pointer is still not
+// NULL, and AddressSanitizer reports any access through it).
+template <class T>
+class buffer {
+ public:
+  explicit buffer(size_t n) : n_(n), p_(static_cast<T*>(malloc(n * sizeof(T)))) {
+    if (p_ == nullptr) abort();
+  }
+  ~buffer() { free(p_); }
+  buffer(const buffer&) = delete;
+  buffer& operator=(const buffer&) = delete;
+  T* data() { return p_; }
+  size_t size() const { return n_; }
+  T& operator[](size_t i) { return p_[i]; }
+  half_float::half* half() { return reinterpret_cast<half_float::half*>(p_); }
+  void fill_bytes(uint8_t v) { memset(p_, v, n_ * sizeof(T)); }
+  bool equals(const buffer& o) const { return n_ == o.n_ && memcmp(p_, o.p_, n_ * sizeof(T)) == 0; }
+
+ private:
+  size_t n_;
+  T* p_;
+};
+
+// Fills v: the first elements from the fuzzer's bytes (up to `direct`), the
+// rest from the filler.
+inline void fill_halves(buffer<uint16_t>& v, FuzzedDataProvider& in, size_t direct, filler& f,
+                        float range) {
+  size_t i = 0;
+  for (; i < v.size() && i < direct && in.remaining_bytes() > 0; ++i) v[i] = draw_half(in);
+  for (; i < v.size(); ++i) v[i] = f.half(range);
+}
+
+inline void fill_floats(buffer<float>& v, FuzzedDataProvider& in, size_t direct, filler& f,
+                        float range) {
+  size_t i = 0;
+  for (; i < v.size() && i < direct && in.remaining_bytes() > 0; ++i)
+    v[i] = draw_float(in, -range, range);
+  for (; i < v.size(); ++i) v[i] = f.flt(range);
+}
+
+// Elements read from planes*rows rows of `width` elements with row pitch
+// `pitch`: the extent of the last row read (the pitch may be below the width
+// where the rows are allowed to overlap).
+inline uint64_t pitched_extent(uint64_t rows, uint64_t pitch, uint64_t width) {
+  return rows == 0 || width == 0 ? 0 : (rows - 1) * pitch + width;
+}
+
+}  // namespace ol_fuzz
+
+#endif
