@@ -8,6 +8,7 @@
 
 #include "common/frame_gen.h"
 #include "frcnn/context.h"
+#include "frcnn/head_stage.h"
 #include "frcnn/nms.h"
 #include "frcnn/rpn_stage.h"
 
@@ -159,6 +160,35 @@ BENCHMARK(pipeline_frame)
     ->Args({2, 1})
     ->Unit(benchmark::kMillisecond)
     ->UseRealTime();
+
+// The pooling stage alone: 300 ROIs (16..600 px boxes in a 600x1000 image)
+// on a 512-channel 38x63 map, 7x7 bins, one task per ROI on 1, 2, 4 workers.
+void pipeline_roi_pool_stage(benchmark::State& state) {
+  const uint32_t rois = 300, depth = 512, H = 38, W = 63, P = 7;
+  ol::thread_pool* pool = ol::thread_pool_create(static_cast<uint32_t>(state.range(0)));
+  std::vector<ol::roi_pool_task> records(rois);
+  std::vector<uint16_t> fmap(static_cast<size_t>(depth) * H * W);
+  for (size_t i = 0; i < fmap.size(); ++i) fmap[i] = static_cast<uint16_t>(i * 2654435761u >> 16);
+  std::vector<uint16_t> boxes(4 * rois), out(static_cast<size_t>(rois) * P * P * depth);
+  uint32_t seed = 7;
+  auto rnd = [&seed](float lo, float hi) {
+    seed = seed * 1664525u + 1013904223u;
+    return lo + (hi - lo) * ((seed >> 8) * (1.0f / 16777216.0f));
+  };
+  for (uint32_t r = 0; r < rois; ++r) {
+    const float w = rnd(16, 600), h = rnd(16, 580);
+    const float x = rnd(0, 1000 - w), y = rnd(0, 600 - h);
+    const float b[4] = {x, y, x + w - 1, y + h - 1};
+    for (int k = 0; k < 4; ++k) boxes[4 * r + k] = opt_layers_half::from_float_round(b[k]);
+  }
+  for (auto _ : state)
+    ol::frcnn_roi_pool(pool, records.data(), boxes.data(), fmap.data(), out.data(), rois, depth, H,
+                       W, W, 16, false, P, P, P);
+  ol::thread_pool_destroy(pool);
+  // Bytes the pooling must read at least: the map under every ROI once.
+  state.counters["map_MB"] = fmap.size() * 2 / 1e6;
+}
+BENCHMARK(pipeline_roi_pool_stage)->Arg(1)->Arg(2)->Arg(4)->Unit(benchmark::kMicrosecond)->UseRealTime();
 
 void pipeline_init_exit(benchmark::State& state) {
   std::vector<float> anchors = ol_test::base_anchors_9();

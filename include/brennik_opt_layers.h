@@ -61,47 +61,38 @@ inline float to_float(uint16_t h) {
 }
 
 namespace detail {
-// Shared core of both float-to-half conversions. Returns the magnitude
-// truncated toward zero; *round_bit receives the first discarded bit.
-inline uint16_t magnitude(uint32_t a, uint32_t* round_bit) {
-  *round_bit = 0;
-  if (a >= 0x38800000u) {  // normal half range (>= 2^-14), below overflow
-    *round_bit = (a >> 12) & 1u;
-    return static_cast<uint16_t>((a - 0x38000000u) >> 13);
+// Shared core of both float-to-half conversions: the magnitude truncated
+// toward zero, plus the first discarded bit when `round` is set (ties away
+// from zero; a carry moves into the exponent, up to infinity).
+inline uint16_t from_float(float f, bool round) {
+  const uint32_t x = f32_bits(f);
+  const uint16_t sign = static_cast<uint16_t>((x >> 16) & 0x8000u);
+  const uint32_t a = x & 0x7FFFFFFFu;
+  if (a > 0x7F800000u) return static_cast<uint16_t>(sign | 0x7E00u | ((a >> 13) & 0x3FFu));
+  if (a >= 0x47800000u) return static_cast<uint16_t>(sign | 0x7C00u);  // >= 65536
+  uint32_t mag, round_bit;
+  if (a >= 0x38800000u) {  // normal half range (>= 2^-14)
+    mag = (a - 0x38000000u) >> 13;
+    round_bit = (a >> 12) & 1u;
+  } else if ((a >> 23) < 102u) {  // below 2^-25: nothing survives, not even rounding
+    mag = round_bit = 0;
+  } else {  // subnormal half
+    const uint32_t m = (a & 0x7FFFFFu) | 0x800000u;
+    const uint32_t shift = 126u - (a >> 23);  // 14 .. 24
+    mag = m >> shift;
+    round_bit = (m >> (shift - 1)) & 1u;
   }
-  const uint32_t e = a >> 23;
-  if (e < 102u) return 0;  // below 2^-25: nothing survives, not even rounding
-  const uint32_t m = (a & 0x7FFFFFu) | 0x800000u;
-  const uint32_t shift = 126u - e;  // 14 .. 24
-  *round_bit = (m >> (shift - 1)) & 1u;
-  return static_cast<uint16_t>(m >> shift);
+  return static_cast<uint16_t>(sign | (mag + (round ? round_bit : 0u)));
 }
 }  // namespace detail
 
 // float -> half, truncating toward zero; |f| >= 65536 gives an infinity.
 // Used for scores, thresholds and the bucket order.
-inline uint16_t from_float_trunc(float f) {
-  const uint32_t x = f32_bits(f);
-  const uint16_t sign = static_cast<uint16_t>((x >> 16) & 0x8000u);
-  const uint32_t a = x & 0x7FFFFFFFu;
-  if (a > 0x7F800000u) return static_cast<uint16_t>(sign | 0x7E00u | ((a >> 13) & 0x3FFu));
-  if (a >= 0x47800000u) return static_cast<uint16_t>(sign | 0x7C00u);
-  uint32_t r;
-  return static_cast<uint16_t>(sign | detail::magnitude(a, &r));
-}
+inline uint16_t from_float_trunc(float f) { return detail::from_float(f, false); }
 
 // float -> half, rounding to nearest with ties away from zero; |f| >= 65520
 // gives an infinity. Used for box coordinates.
-inline uint16_t from_float_round(float f) {
-  const uint32_t x = f32_bits(f);
-  const uint16_t sign = static_cast<uint16_t>((x >> 16) & 0x8000u);
-  const uint32_t a = x & 0x7FFFFFFFu;
-  if (a > 0x7F800000u) return static_cast<uint16_t>(sign | 0x7E00u | ((a >> 13) & 0x3FFu));
-  if (a >= 0x47800000u) return static_cast<uint16_t>(sign | 0x7C00u);
-  uint32_t r;
-  const uint16_t m = detail::magnitude(a, &r);
-  return static_cast<uint16_t>(sign | (m + r));  // a carry moves into the exponent
-}
+inline uint16_t from_float_round(float f) { return detail::from_float(f, true); }
 
 }  // namespace opt_layers_half
 
