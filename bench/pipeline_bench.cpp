@@ -101,13 +101,22 @@ void pipeline_step(benchmark::State& state) {
       case 2:
         benchmark::DoNotOptimize(ol::rpn_decode(ctx, p.frame.bbox.data(), n, M));
         break;
+      case 4: {  // the decode kernel alone, on this thread
+        ol::rpn_decode_params dp = {ctx->anchors, p.frame.bbox.data(), ctx->rpn_cls_nopitch,
+                                    ctx->order_rpn_index, 600, 1000, 38, 63, 64, 16, 9, 0,
+                                    false, &ctx->desc.bbox_scale_factor.center_x};
+        uint32_t dropped = 0;
+        benchmark::DoNotOptimize(
+            ol::rpn_decode_batch(dp, ctx->detections, ctx->order_buf, n, &dropped));
+        break;
+      }
       case 3:
         benchmark::DoNotOptimize(ol::nms_kernel(p.nms_out.data(), ctx->detections, K,
                                                 ctx->desc.pre_nms_iou, 300, ctx->nms_scratch));
         break;
     }
   }
-  static const char* names[] = {"filter", "sort", "decode", "nms"};
+  static const char* names[] = {"filter", "sort", "decode", "nms", "decode kernel"};
   state.SetLabel(std::string(names[state.range(0)]) + (state.range(1) ? " qsort" : " hist"));
 }
 BENCHMARK(pipeline_step)
@@ -116,6 +125,7 @@ BENCHMARK(pipeline_step)
     ->Args({1, 1})
     ->Args({2, 0})
     ->Args({3, 0})
+    ->Args({4, 0})
     ->Unit(benchmark::kMicrosecond)
     ->UseRealTime();
 
