@@ -121,7 +121,9 @@ frame_inputs plan_frames(const frcnn_desc& d, FuzzedDataProvider& in) {
   p.post_rows = std::max(max_rois, std::min(p.roi_num, d.post_nms_num));
   p.nms_n = 4ull * p.post_rows;
   const uint64_t C = d.class_num == 0 ? 0 : (d.is_no_rcnn_bg_bbox ? d.class_num - 1 : d.class_num);
-  const uint64_t bbox_reads = d.rcnn_bbox_share_location ? (C > 0 ? 4 : 0) : 4 * C;
+  // One shared delta set is read whenever there is a class (also when
+  // is_no_rcnn_bg_bbox leaves class_num - 1 = 0 slots).
+  const uint64_t bbox_reads = d.rcnn_bbox_share_location ? (d.class_num > 0 ? 4 : 0) : 4 * C;
   p.rcls_n = pitched_extent(p.post_rows, d.rcnn_cls_pitch, d.class_num);
   p.rbbox_n = pitched_extent(p.post_rows, d.rcnn_bbox_pitch, bbox_reads);
   p.result_n = d.class_num + mul(mul(5, d.post_nms_num), d.class_num);
