@@ -103,6 +103,27 @@ enum frame_steps : unsigned {
   step_all = 15,
 };
 
+// Every entry point once on handle hd (NULL: the process-wide context),
+// keeping nothing: allocates nothing itself. Returns the pooled ROI count, or
+// -1 when any call failed.
+inline int run_frame_lean(void* hd, frame_arrays& a) {
+  half_float::half* props = nullptr;
+  const int k = hd ? opt_layers_instance_frcnn_prenms(hd, a.cls.half(), a.bbox.half(), &props)
+                   : opt_layers_frcnn_prenms(a.cls.half(), a.bbox.half(), &props);
+  const int r = hd ? opt_layers_instance_frcnn_prenms_nms(hd, a.cls.half(), a.bbox.half(), a.nms_out.half())
+                   : opt_layers_frcnn_prenms_nms(a.cls.half(), a.bbox.half(), a.nms_out.half());
+  const int r2 = hd ? opt_layers_instance_frcnn_pre_nms_roi(hd, a.cls.half(), a.bbox.half(), a.fmap.data(),
+                                                            a.roi_result.data(), a.nms_out.half())
+                    : opt_layers_frcnn_pre_nms_roi(a.cls.half(), a.bbox.half(), a.fmap.data(),
+                                                   a.roi_result.data(), a.nms_out.half());
+  const uint32_t n = static_cast<uint32_t>(r2 < 0 ? 0 : r2);
+  const int post = hd ? opt_layers_instance_frcnn_post_nms(hd, a.rcnn_cls.half(), a.rcnn_bbox.half(),
+                                                           a.nms_out.half(), a.rcnn_result.half(), n)
+                      : opt_layers_frcnn_post_nms(a.rcnn_cls.half(), a.rcnn_bbox.half(), a.nms_out.half(),
+                                                  a.rcnn_result.half(), n);
+  return (k < 0 || r < 0 || r2 != r || post != 0) ? -1 : r2;
+}
+
 // Runs the chosen entry points on handle h (the process-wide context when h
 // is NULL). roi_num 0: post_nms gets the NMS count.
 inline frame_result run_frame(void* hd, frame_arrays& a, unsigned steps = step_all,
