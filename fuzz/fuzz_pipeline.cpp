@@ -135,7 +135,9 @@ frame_inputs plan_frames(const frcnn_desc& d, FuzzedDataProvider& in) {
   const uint64_t ph = d.pool_h <= 0x7FFFFFFFu ? d.pool_h : 0;
   const uint64_t pw = d.pool_w <= 0x7FFFFFFFu ? d.pool_w : 0;
   p.fmap_n = mul(mul(mul(blocks, H), W), 16);
-  p.roi_n = mul(mul(mul(mul(blocks, ph), pw), 16), max_rois);
+  // roi_result holds pool_h * pool_w * fmap_d elements per ROI (the stage
+  // steps by that; the operator fills the whole 16-channel blocks of it).
+  p.roi_n = blocks == 0 ? 0 : mul(mul(mul(ph, pw), d.fmap_d), max_rois);
   p.can_pool = p.fmap_n <= k_max_elems && p.roi_n <= k_max_elems;
   const uint8_t nc = in.ConsumeIntegral<uint8_t>();
   p.null_case = nc < 240 ? 0 : 1 + nc % 8;

@@ -53,7 +53,9 @@ struct frame_arrays {
     head_rows = std::max(max_rois, std::min(rows_for_head, d.post_nms_num));
     const uint64_t blocks = d.fmap_d / 16;
     fmap = exact_array<uint16_t>(blocks * H * W * 16);
-    roi_elems = static_cast<size_t>(blocks * d.pool_h * d.pool_w * 16);
+    // pool_h * pool_w * fmap_d per ROI; the whole 16-channel blocks of it
+    // are written.
+    roi_elems = static_cast<size_t>(uint64_t{d.fmap_d} * d.pool_h * d.pool_w);
     roi_result = exact_array<uint16_t>(static_cast<size_t>(max_rois) * roi_elems);
     nms_out = exact_array<uint16_t>(4ull * head_rows);
     const uint64_t C = d.class_num == 0 ? 0 : (d.is_no_rcnn_bg_bbox ? d.class_num - 1 : d.class_num);
