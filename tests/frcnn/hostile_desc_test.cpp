@@ -252,6 +252,33 @@ TEST(hostile_desc, pitches_below_the_width_read_overlapping_rows) {
   }
 }
 
+// Found by fuzzing: a stride beyond INT_MAX (read as a negative int) made
+// the anchor shifts y * S and x * S overflow int. They are formed in 64 bits.
+TEST(hostile_desc, huge_stride_shifts_anchors_without_overflow) {
+  std::vector<float> anchors = {-8, -8, 8, 8, -16, -4, 16, 4};
+  frcnn_desc d = small();
+  d.anchor_num = 2;
+  d.fmap_h = 5;
+  d.fmap_w = 5;
+  d.fmap_scale = 0x80808080u;
+  void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
+  ASSERT_NE(h, nullptr);
+  const auto* ctx = static_cast<const ol::frcnn_context*>(h);
+  const int64_t S = static_cast<int32_t>(d.fmap_scale);
+  for (int y = 0; y < 5; ++y)
+    for (int x = 0; x < 5; ++x)
+      for (int a = 0; a < 2; ++a) {
+        const float* r = ctx->anchors + 4 * ((y * 5 + x) * 2 + a);
+        EXPECT_EQ(r[0], anchors[4 * a] + static_cast<float>(x * S));
+        EXPECT_EQ(r[1], anchors[4 * a + 1] + static_cast<float>(y * S));
+        EXPECT_EQ(r[3], anchors[4 * a + 3] + static_cast<float>(y * S));
+      }
+  frame_arrays f(d);
+  f.fill(3);
+  EXPECT_GE(run_frame(h, f).r, 0);
+  opt_layers_instance_frcnn_exit(h);
+}
+
 // Found by fuzzing: a count below -32768 has low 16 bits that read as a
 // positive count; nms wrote boxes it had never been given.
 TEST(hostile_operator_args, nms_negative_counts_write_nothing) {
