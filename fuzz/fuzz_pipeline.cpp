@@ -110,7 +110,8 @@ frame_inputs plan_frames(const frcnn_desc& d, FuzzedDataProvider& in) {
   frame_inputs p;
   const uint64_t A = d.anchor_num, H = d.fmap_h, W = d.fmap_w;
   const uint64_t N = mul(mul(A, H), W);
-  if (N > k_max_positions || A > 4096) return p;
+  // Rows are scanned even when they are empty (W = 0): bound the rows too.
+  if (N > k_max_positions || mul(A, H) > k_max_positions || A > 4096) return p;
   const uint64_t planes = (d.is_rpn_cls_fg_minus_bg || !d.is_rpn_cls_fg_only) ? 2 * A : A;
   p.cls_n = pitched_extent(mul(planes, H), d.rpn_cls_pitch, W);
   p.bbox_n = pitched_extent(mul(4 * A, H), d.fmap_pitch, W);
@@ -121,7 +122,9 @@ frame_inputs plan_frames(const frcnn_desc& d, FuzzedDataProvider& in) {
   p.post_rows = std::max(max_rois, std::min(p.roi_num, d.post_nms_num));
   p.nms_n = 4ull * p.post_rows;
   const uint64_t C = d.class_num == 0 ? 0 : (d.is_no_rcnn_bg_bbox ? d.class_num - 1 : d.class_num);
-  const uint64_t bbox_reads = d.rcnn_bbox_share_location ? (C > 0 ? 4 : 0) : 4 * C;
+  // One shared delta set is read whenever there is a class (also when
+  // is_no_rcnn_bg_bbox leaves class_num - 1 = 0 slots).
+  const uint64_t bbox_reads = d.rcnn_bbox_share_location ? (d.class_num > 0 ? 4 : 0) : 4 * C;
   p.rcls_n = pitched_extent(p.post_rows, d.rcnn_cls_pitch, d.class_num);
   p.rbbox_n = pitched_extent(p.post_rows, d.rcnn_bbox_pitch, bbox_reads);
   p.result_n = d.class_num + mul(mul(5, d.post_nms_num), d.class_num);
@@ -133,7 +136,9 @@ frame_inputs plan_frames(const frcnn_desc& d, FuzzedDataProvider& in) {
   const uint64_t ph = d.pool_h <= 0x7FFFFFFFu ? d.pool_h : 0;
   const uint64_t pw = d.pool_w <= 0x7FFFFFFFu ? d.pool_w : 0;
   p.fmap_n = mul(mul(mul(blocks, H), W), 16);
-  p.roi_n = mul(mul(mul(mul(blocks, ph), pw), 16), max_rois);
+  // roi_result holds pool_h * pool_w * fmap_d elements per ROI (the stage
+  // steps by that; the operator fills the whole 16-channel blocks of it).
+  p.roi_n = blocks == 0 ? 0 : mul(mul(mul(ph, pw), d.fmap_d), max_rois);
   p.can_pool = p.fmap_n <= k_max_elems && p.roi_n <= k_max_elems;
   const uint8_t nc = in.ConsumeIntegral<uint8_t>();
   p.null_case = nc < 240 ? 0 : 1 + nc % 8;
@@ -237,6 +242,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   filler f(size);
   fill_floats(base, in, 16, f, 300.0f);
   const frame_inputs plan = plan_frames(d, in);
+  if (getenv("OL_FUZZ_VERBOSE")) {
+    fprintf(stderr, "threads %u flags %02x %02x A %u pre %u post %u classes %u img %ux%u scale %u "
+            "fmap %ux%ux%u pitch %u cls_pitch %u min %u pool %ux%u rcnn pitches %u %u type %u "
+            "runnable %d pool %d roi_num %u null %d\n",
+            d.thread_num, reinterpret_cast<uint8_t*>(&d)[1], reinterpret_cast<uint8_t*>(&d)[2],
+            d.anchor_num, d.pre_nms_num, d.post_nms_num, d.class_num, d.img_h, d.img_w,
+            d.fmap_scale, d.fmap_d, d.fmap_h, d.fmap_w, d.fmap_pitch, d.rpn_cls_pitch, d.min_size,
+            d.pool_h, d.pool_w, d.rcnn_bbox_pitch, d.rcnn_cls_pitch, d.bbox_type, plan.runnable,
+            plan.can_pool, plan.roi_num, plan.null_case);
+  }
 
   reset_budget();
   void* h = opt_layers_instance_frcnn_init(&d, base.data());

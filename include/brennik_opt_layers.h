@@ -142,11 +142,24 @@ inline half_float::half from_bits(uint16_t u) {
 // Sizes derived from the record are 32-bit unsigned products: with
 // N = anchor_num * fmap_h * fmap_w, init allocates N*16, N*4 (three times),
 // N*6 (filter scratch), pre_nms_num*18, post_nms_num*class_num*16 and
-// post_nms_num*(task records + 200) bytes. Init refuses (with the allocation
-// message of the buffer concerned) any configuration whose buffer sizes do
-// not fit in 32 bits. img_w and img_h must not exceed 32767, and
-// post_nms_num and pre_nms_num must not exceed 32767 (the suppression
-// counts are 16-bit).
+// post_nms_num*(task records + 200) bytes. Init computes every size in 64
+// bits and refuses (with the allocation message of the buffer concerned,
+// before allocating it) any configuration with a buffer of 4 GiB or more,
+// which covers every product that would wrap in 32 bits. img_w and img_h
+// must not exceed 32767, and post_nms_num and pre_nms_num must not exceed
+// 32767 (the suppression counts are 16-bit: a proposal count between 32768
+// and 65535 gives no ROI, and the head stage handles at most 32767 ROIs per
+// class). Other values are accepted and never index outside the buffers:
+// zero sizes (empty maps find nothing), class_num 0 (post_nms writes
+// nothing; rcnn_result then needs no room) or 1, any bbox_type (rejected by
+// the decoding stages), row pitches below the row width (rows overlap; the
+// tensors must then hold (rows - 1) * pitch + width elements), and NaN or
+// infinite values anywhere (a NaN box coordinate is clamped to L - 1).
+// Caller arrays: rpn_cls 2*anchor_num (anchor_num with is_rpn_cls_fg_only
+// and without is_rpn_cls_fg_minus_bg) planes of fmap_h rows at
+// rpn_cls_pitch; rpn_bbox 4*anchor_num planes at fmap_pitch; fmap and
+// roi_result as described at pre_nms_roi; the head arrays as described
+// at post_nms.
 // ---------------------------------------------------------------------------
 struct frcnn_desc {
   uint8_t thread_num;  // worker threads, 1..32
@@ -242,6 +255,11 @@ struct opt_layers_version {
 // forms return a handle. Init and exit must not overlap other calls on the
 // same context; different handles may be used from different threads.
 // base_anchors: anchor_num boxes (x1, y1, x2, y2 floats) for cell (0, 0).
+// Each context runs thread_num worker threads with a fixed 256 KiB stack;
+// every entry point and operator also runs on a caller thread with a
+// 128 KiB stack (large scratch lives in the context or on the heap).
+// A frame in steady state allocates nothing on the heap; init and exit
+// allocate and free everything (nothing is left behind).
 // ---------------------------------------------------------------------------
 OPT_LAYERS_API int opt_layers_frcnn_init(frcnn_desc* desc, float* base_anchors);
 OPT_LAYERS_API void opt_layers_frcnn_exit();

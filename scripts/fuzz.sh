@@ -1,7 +1,7 @@
 #!/usr/bin/env bash
-# Builds the libFuzzer targets with clang in build/fuzz and runs each for a
-# fixed number of executions, one target at a time, keeping a corpus per
-# target in build/fuzz/corpus/<target>.
+# Builds the libFuzzer targets with clang in build/fuzz (or $OL_FUZZ_DIR)
+# and runs each for a fixed number of executions, one target at a time,
+# keeping a corpus per target in <build dir>/corpus/<target>.
 #
 #   scripts/fuzz.sh [-n RUNS] [-t SECONDS] [TARGET...]
 #     -n RUNS     executions per target (default 100000)
@@ -28,7 +28,7 @@ shift $((OPTIND - 1))
 targets=("$@")
 [ ${#targets[@]} -eq 0 ] && targets=(nms roi_pooling roi_align crop_and_resize ps_roi_pooling pipeline)
 
-dir=build/fuzz
+dir=${OL_FUZZ_DIR:-build/fuzz}
 if ! CC=clang CXX=clang++ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
      -DOL_BUILD_FUZZ=ON -DOL_BUILD_TESTS=OFF -DOL_BUILD_TOOLS=OFF >"$dir.configure.log" 2>&1; then
   cat "$dir.configure.log"; echo "fuzz: configure failed"; exit 1

@@ -43,6 +43,17 @@ TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \
 run_build aarch64 "" -DCMAKE_BUILD_TYPE=Release \
   -DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake
 
+# Fuzz smoke pass: every libFuzzer target for a few seconds (clang build).
+echo "=== fuzz-smoke"
+fuzz_log=$out/fuzz-smoke.log
+OL_FUZZ_DIR=$out/fuzz scripts/fuzz.sh -n 1000000 -t 4 >"$fuzz_log" 2>&1
+fuzz_rc=$?
+cat "$fuzz_log"
+fuzz_ok=$(grep -c ', ok$' "$fuzz_log")
+fuzz_bad=$(grep -c 'FAILED\|failed\|no such target' "$fuzz_log")
+[ $fuzz_rc -ne 0 ] && { status=1; [ "$fuzz_bad" -eq 0 ] && fuzz_bad=1; }
+summary+=("fuzz-smoke: $fuzz_ok targets passed, $fuzz_bad failed")
+
 echo "=== summary"
 for s in "${summary[@]}"; do echo "$s"; done
 exit $status

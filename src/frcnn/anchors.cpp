@@ -43,10 +43,12 @@ void anchors_generate_rows(const float* base_anchors, float* out, int rows, int 
   if (rows < 1 || W < 1 || A < 1) return;
   const float lim_x = static_cast<float>(img_w);
   const float lim_y = static_cast<float>(img_h);
+  // The shifts y * S and x * S are formed in 64 bits: a stride from a
+  // hostile descriptor would overflow int (identical results otherwise).
   for (int y = first_row; y < first_row + rows; ++y) {
-    const float sy = static_cast<float>(y * S);
+    const float sy = static_cast<float>(static_cast<int64_t>(y) * S);
     for (int x = 0; x < W; ++x) {
-      const float sx = static_cast<float>(x * S);
+      const float sx = static_cast<float>(static_cast<int64_t>(x) * S);
       for (int a = 0; a < A; ++a, out += 4) {
         const float* b = base_anchors + 4 * static_cast<size_t>(a);
         float x1 = b[0] + sx;

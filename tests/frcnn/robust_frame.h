@@ -1,0 +1,170 @@
+// A whole pipeline frame on caller arrays sized exactly to what the library
+// may read or write (AddressSanitizer reports any access past them), for the
+// robustness tests: hostile descriptors, NaN inputs, small stacks, stress.
+#ifndef OL_TESTS_FRCNN_ROBUST_FRAME_H
+#define OL_TESTS_FRCNN_ROBUST_FRAME_H
+
+#include <stdint.h>
+#include <string.h>
+
+#include <algorithm>
+#include <memory>
+#include <vector>
+
+#include "brennik_opt_layers.h"
+#include "common/frame_gen.h"
+#include "common/test_util.h"
+
+namespace ol_test {
+
+// n elements on the heap, never a NULL pointer (also for n = 0).
+template <class T>
+struct exact_array {
+  std::unique_ptr<T[]> p;
+  size_t n = 0;
+  exact_array() : p(new T[0]) {}
+  explicit exact_array(size_t count) : p(new T[count]), n(count) {}
+  T* data() { return p.get(); }
+  T& operator[](size_t i) { return p[i]; }
+  half_float::half* half() { return reinterpret_cast<half_float::half*>(p.get()); }
+  std::vector<T> vec(size_t count) const { return std::vector<T>(p.get(), p.get() + count); }
+  std::vector<T> vec() const { return vec(n); }
+};
+
+// Extent of planes*rows rows of `width` elements at row pitch `pitch` (the
+// pitch may be below the width: rows then overlap).
+inline size_t pitched_extent(uint64_t rows, uint64_t pitch, uint64_t width) {
+  return rows == 0 || width == 0 ? 0 : static_cast<size_t>((rows - 1) * pitch + width);
+}
+
+// Caller arrays of one frame for descriptor d. head_rows: rows of the head
+// arrays (the roi_num later given to post_nms, at least what NMS returns).
+struct frame_arrays {
+  exact_array<uint16_t> cls, bbox, fmap, roi_result, nms_out, rcnn_cls, rcnn_bbox, rcnn_result;
+  uint32_t head_rows = 0;
+  size_t roi_elems = 0;  // pooled elements per ROI
+
+  frame_arrays(const frcnn_desc& d, uint32_t rows_for_head = 0) {
+    const uint64_t A = d.anchor_num, H = d.fmap_h, W = d.fmap_w;
+    const uint64_t planes = rpn_score_planes(d);
+    cls = exact_array<uint16_t>(pitched_extent(planes * H, d.rpn_cls_pitch, W));
+    bbox = exact_array<uint16_t>(pitched_extent(4 * A * H, d.fmap_pitch, W));
+    const uint32_t max_rois = std::min<uint32_t>(d.post_nms_num, 32767);
+    head_rows = std::max(max_rois, std::min(rows_for_head, d.post_nms_num));
+    const uint64_t blocks = d.fmap_d / 16;
+    fmap = exact_array<uint16_t>(blocks * H * W * 16);
+    // pool_h * pool_w * fmap_d per ROI; the whole 16-channel blocks of it
+    // are written.
+    roi_elems = static_cast<size_t>(uint64_t{d.fmap_d} * d.pool_h * d.pool_w);
+    roi_result = exact_array<uint16_t>(static_cast<size_t>(max_rois) * roi_elems);
+    nms_out = exact_array<uint16_t>(4ull * head_rows);
+    const uint64_t C = d.class_num == 0 ? 0 : (d.is_no_rcnn_bg_bbox ? d.class_num - 1 : d.class_num);
+    const uint64_t bbox_reads = d.rcnn_bbox_share_location ? (d.class_num > 0 ? 4 : 0) : 4 * C;
+    rcnn_cls = exact_array<uint16_t>(pitched_extent(head_rows, d.rcnn_cls_pitch, d.class_num));
+    rcnn_bbox = exact_array<uint16_t>(pitched_extent(head_rows, d.rcnn_bbox_pitch, bbox_reads));
+    rcnn_result = exact_array<uint16_t>(d.class_num + 5ull * d.post_nms_num * d.class_num);
+  }
+
+  // Plausible RPN scores in [0, 1) and deltas in [-0.2, 0.2), random map,
+  // head probabilities in [0, 1) and deltas in [-0.5, 0.5), seed boxes in
+  // nms_out for the rows NMS will not write; outputs poisoned.
+  void fill(uint64_t seed) {
+    rng g(seed);
+    std::fill(roi_result.data(), roi_result.data() + roi_result.n, 0xA5A5);
+    std::fill(rcnn_result.data(), rcnn_result.data() + rcnn_result.n, 0xA5A5);
+    for (size_t i = 0; i < cls.n; ++i) cls[i] = h(g.uniform(0.0f, 1.0f));
+    for (size_t i = 0; i < bbox.n; ++i) bbox[i] = h(g.uniform(-0.2f, 0.2f));
+    for (size_t i = 0; i < fmap.n; ++i) fmap[i] = static_cast<uint16_t>(g.next());
+    for (size_t i = 0; i < rcnn_cls.n; ++i) rcnn_cls[i] = h(g.uniform(0.0f, 1.0f));
+    for (size_t i = 0; i < rcnn_bbox.n; ++i) rcnn_bbox[i] = h(g.uniform(-0.5f, 0.5f));
+    for (size_t i = 0; i + 4 <= nms_out.n; i += 4) {
+      const float x = g.uniform(0, 400), y = g.uniform(0, 300);
+      nms_out[i] = h(x);
+      nms_out[i + 1] = h(y);
+      nms_out[i + 2] = h(x + g.uniform(1, 200));
+      nms_out[i + 3] = h(y + g.uniform(1, 200));
+    }
+  }
+};
+
+// What one frame produced.
+struct frame_result {
+  int k = 0, r = 0, r2 = 0, post = 0;
+  std::vector<uint16_t> proposals, nms_out, roi_result, rcnn_result;
+  bool operator==(const frame_result& o) const {
+    return k == o.k && r == o.r && r2 == o.r2 && post == o.post && proposals == o.proposals &&
+           nms_out == o.nms_out && roi_result == o.roi_result && rcnn_result == o.rcnn_result;
+  }
+};
+
+enum frame_steps : unsigned {
+  step_prenms = 1,
+  step_prenms_nms = 2,
+  step_pre_nms_roi = 4,
+  step_post_nms = 8,
+  step_all = 15,
+};
+
+// Every entry point once on handle hd (NULL: the process-wide context),
+// keeping nothing: allocates nothing itself. Returns the pooled ROI count, or
+// -1 when any call failed.
+inline int run_frame_lean(void* hd, frame_arrays& a) {
+  half_float::half* props = nullptr;
+  const int k = hd ? opt_layers_instance_frcnn_prenms(hd, a.cls.half(), a.bbox.half(), &props)
+                   : opt_layers_frcnn_prenms(a.cls.half(), a.bbox.half(), &props);
+  const int r = hd ? opt_layers_instance_frcnn_prenms_nms(hd, a.cls.half(), a.bbox.half(), a.nms_out.half())
+                   : opt_layers_frcnn_prenms_nms(a.cls.half(), a.bbox.half(), a.nms_out.half());
+  const int r2 = hd ? opt_layers_instance_frcnn_pre_nms_roi(hd, a.cls.half(), a.bbox.half(), a.fmap.data(),
+                                                            a.roi_result.data(), a.nms_out.half())
+                    : opt_layers_frcnn_pre_nms_roi(a.cls.half(), a.bbox.half(), a.fmap.data(),
+                                                   a.roi_result.data(), a.nms_out.half());
+  const uint32_t n = static_cast<uint32_t>(r2 < 0 ? 0 : r2);
+  const int post = hd ? opt_layers_instance_frcnn_post_nms(hd, a.rcnn_cls.half(), a.rcnn_bbox.half(),
+                                                           a.nms_out.half(), a.rcnn_result.half(), n)
+                      : opt_layers_frcnn_post_nms(a.rcnn_cls.half(), a.rcnn_bbox.half(), a.nms_out.half(),
+                                                  a.rcnn_result.half(), n);
+  return (k < 0 || r < 0 || r2 != r || post != 0) ? -1 : r2;
+}
+
+// Runs the chosen entry points on handle h (the process-wide context when h
+// is NULL). roi_num 0: post_nms gets the NMS count.
+inline frame_result run_frame(void* hd, frame_arrays& a, unsigned steps = step_all,
+                              uint32_t roi_num = 0) {
+  frame_result out;
+  if (steps & step_prenms) {
+    half_float::half* props = nullptr;
+    out.k = hd ? opt_layers_instance_frcnn_prenms(hd, a.cls.half(), a.bbox.half(), &props)
+               : opt_layers_frcnn_prenms(a.cls.half(), a.bbox.half(), &props);
+    if (out.k > 0) {
+      const uint16_t* p = reinterpret_cast<const uint16_t*>(props);
+      out.proposals.assign(p, p + 5 * static_cast<size_t>(out.k));
+    }
+  }
+  if (steps & step_prenms_nms) {
+    out.r = hd ? opt_layers_instance_frcnn_prenms_nms(hd, a.cls.half(), a.bbox.half(), a.nms_out.half())
+               : opt_layers_frcnn_prenms_nms(a.cls.half(), a.bbox.half(), a.nms_out.half());
+  }
+  if (steps & step_pre_nms_roi) {
+    out.r2 = hd ? opt_layers_instance_frcnn_pre_nms_roi(hd, a.cls.half(), a.bbox.half(), a.fmap.data(),
+                                                         a.roi_result.data(), a.nms_out.half())
+                : opt_layers_frcnn_pre_nms_roi(a.cls.half(), a.bbox.half(), a.fmap.data(),
+                                               a.roi_result.data(), a.nms_out.half());
+    if (out.r2 > 0 && a.roi_result.n > 0)
+      out.roi_result = a.roi_result.vec(a.roi_elems * out.r2);
+  }
+  const int rois = (steps & step_pre_nms_roi) ? out.r2 : out.r;
+  if (rois > 0) out.nms_out = a.nms_out.vec(4 * static_cast<size_t>(rois));
+  if (steps & step_post_nms) {
+    const uint32_t n = roi_num ? roi_num : static_cast<uint32_t>(std::max(rois, 0));
+    out.post = hd ? opt_layers_instance_frcnn_post_nms(hd, a.rcnn_cls.half(), a.rcnn_bbox.half(),
+                                                        a.nms_out.half(), a.rcnn_result.half(), n)
+                  : opt_layers_frcnn_post_nms(a.rcnn_cls.half(), a.rcnn_bbox.half(), a.nms_out.half(),
+                                              a.rcnn_result.half(), n);
+    out.rcnn_result = a.rcnn_result.vec();
+  }
+  return out;
+}
+
+}  // namespace ol_test
+
+#endif
