@@ -255,7 +255,7 @@ struct opt_layers_version {
 // forms return a handle. Init and exit must not overlap other calls on the
 // same context; different handles may be used from different threads.
 // base_anchors: anchor_num boxes (x1, y1, x2, y2 floats) for cell (0, 0).
-// Each context runs thread_num worker threads with a fixed 256 KiB stack;
+// Each context runs thread_num worker threads with a fixed 128 KiB stack;
 // every entry point and operator also runs on a caller thread with a
 // 128 KiB stack (large scratch lives in the context or on the heap).
 // A frame in steady state allocates nothing on the heap; init and exit

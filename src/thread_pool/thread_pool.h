@@ -61,7 +61,7 @@ struct thread_task {
 constexpr uint32_t k_thread_pool_max = 32;
 // Stack size of every worker thread. Work scratch lives in the context, so
 // workers need little stack.
-constexpr size_t k_worker_stack_bytes = 256 * 1024;
+constexpr size_t k_worker_stack_bytes = 128 * 1024;
 
 // task_queue keeps thread_count free nodes reserved for the stop items of
 // thread_pool_destroy, so stopping the workers never needs memory.

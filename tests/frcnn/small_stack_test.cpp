@@ -1,6 +1,6 @@
 // Small stacks: every entry point and operator at the largest sizes of its
 // contract, called from a thread with a 128 KiB stack, while the pool's
-// workers run the stages on their fixed 256 KiB stacks. A stack overflow
+// workers run the stages on their fixed 128 KiB stacks. A stack overflow
 // ends the program, so passing means everything fit.
 #include <pthread.h>
 
