@@ -88,20 +88,26 @@ int simple_queue_put(simple_queue* q, void* item) {
   return 0;
 }
 
-int simple_queue_reserve(simple_queue* q) {
-  pthread_mutex_lock(&q->mutex);
-  if (q->free_count <= q->reserved) {
+// Allocates free nodes until `count` of them are not promised to reserved
+// puts. Called locked; false (with the message) when the heap refuses.
+static bool grow_locked(simple_queue* q, uint32_t count) {
+  while (q->free_count - q->reserved < count) {
     simple_node* node = static_cast<simple_node*>(ol_malloc(sizeof(simple_node)));
     if (node == nullptr) {
       puts("fatal: no memory for simple node");
-      pthread_mutex_unlock(&q->mutex);
-      return -1;
+      return false;
     }
     push_free(q, node);
   }
-  ++q->reserved;
+  return true;
+}
+
+int simple_queue_reserve(simple_queue* q) {
+  pthread_mutex_lock(&q->mutex);
+  const bool ok = grow_locked(q, 1);
+  if (ok) ++q->reserved;
   pthread_mutex_unlock(&q->mutex);
-  return 0;
+  return ok ? 0 : -1;
 }
 
 void simple_queue_put_reserved(simple_queue* q, void* item) {
@@ -119,17 +125,9 @@ void simple_queue_unreserve(simple_queue* q) {
 
 int simple_queue_grow(simple_queue* q, uint32_t count) {
   pthread_mutex_lock(&q->mutex);
-  while (q->free_count - q->reserved < count) {
-    simple_node* node = static_cast<simple_node*>(ol_malloc(sizeof(simple_node)));
-    if (node == nullptr) {
-      puts("fatal: no memory for simple node");
-      pthread_mutex_unlock(&q->mutex);
-      return -1;
-    }
-    push_free(q, node);
-  }
+  const bool ok = grow_locked(q, count);
   pthread_mutex_unlock(&q->mutex);
-  return 0;
+  return ok ? 0 : -1;
 }
 
 void* simple_queue_take(simple_queue* q) {
