@@ -1,6 +1,8 @@
 #include "common/test_util.h"
 
+#include <dirent.h>
 #include <stdarg.h>
+#include <unistd.h>
 
 namespace ol_test {
 
@@ -11,6 +13,24 @@ std::string format(const char* fmt, ...) {
   vsnprintf(buf, sizeof buf, fmt, ap);
   va_end(ap);
   return buf;
+}
+
+int live_threads() {
+  int n = 0;
+  DIR* d = opendir("/proc/self/task");
+  while (dirent* e = readdir(d))
+    if (e->d_name[0] != '.') ++n;
+  closedir(d);
+  return n;
+}
+
+int settled_threads(int expected) {
+  int n = live_threads();
+  for (int i = 0; i < 200 && n != expected; ++i) {
+    usleep(10000);
+    n = live_threads();
+  }
+  return n;
 }
 
 }  // namespace ol_test

@@ -40,6 +40,12 @@ inline float f(uint16_t bits) { return opt_layers_half::to_float(bits); }
 inline half_float::half* as_half(uint16_t* p) { return reinterpret_cast<half_float::half*>(p); }
 inline half_float::half* as_half(std::vector<uint16_t>& v) { return as_half(v.data()); }
 
+// Threads of this process (entries of /proc/self/task).
+int live_threads();
+// live_threads() once it equals `expected`, waiting up to 2 s: under an
+// emulator a joined thread may linger in /proc for a moment.
+int settled_threads(int expected);
+
 // printf into a std::string, for building expected messages.
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));
 

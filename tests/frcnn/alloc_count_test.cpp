@@ -109,14 +109,7 @@ struct counting_scope {
   }
 };
 
-int live_threads() {
-  int n = 0;
-  DIR* d = opendir("/proc/self/task");
-  while (dirent* e = readdir(d))
-    if (e->d_name[0] != '.') ++n;
-  closedir(d);
-  return n;
-}
+using ol_test::live_threads;
 
 frcnn_desc cycle_desc(bool qsort) {
   frcnn_desc d = ol_test::mobile_desc(1, qsort);
@@ -152,7 +145,7 @@ TEST(alloc_count, init_exit_cycles_leave_nothing_behind) {
   const long warm = g_outstanding.load();
   for (int i = 100; i < cycles; ++i) cycle(i);
   EXPECT_EQ(g_outstanding.load(), warm);
-  EXPECT_EQ(live_threads(), threads);
+  EXPECT_EQ(ol_test::settled_threads(threads), threads);
 }
 
 // Warm-up frames, then a few hundred counted frames through every entry

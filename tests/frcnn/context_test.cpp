@@ -16,25 +16,9 @@ namespace {
 
 using ol_test::stdout_capture;
 
-int live_threads() {
-  int n = 0;
-  DIR* d = opendir("/proc/self/task");
-  while (dirent* e = readdir(d))
-    if (e->d_name[0] != '.') ++n;
-  closedir(d);
-  return n;
-}
+using ol_test::live_threads;
 
-// Threads of this process once joined threads have gone: under an emulator
-// a joined thread may linger in /proc for a moment.
-int settled_threads(int expected) {
-  int n = live_threads();
-  for (int i = 0; i < 200 && n != expected; ++i) {
-    usleep(10000);
-    n = live_threads();
-  }
-  return n;
-}
+using ol_test::settled_threads;
 
 frcnn_desc small_desc(uint8_t threads, bool qsort) {
   frcnn_desc d = ol_test::mobile_desc(threads, qsort);

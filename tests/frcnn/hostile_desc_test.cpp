@@ -17,14 +17,7 @@ using ol_test::frame_arrays;
 using ol_test::run_frame;
 using ol_test::stdout_capture;
 
-int live_threads() {
-  int n = 0;
-  DIR* d = opendir("/proc/self/task");
-  while (dirent* e = readdir(d))
-    if (e->d_name[0] != '.') ++n;
-  closedir(d);
-  return n;
-}
+using ol_test::live_threads;
 
 // Records the largest allocation init asks for.
 struct largest_alloc {
@@ -109,7 +102,7 @@ TEST(hostile_desc, oversized_buffers_are_refused_with_their_message) {
         EXPECT_EQ(cap.end(), std::string(c.message) + "frcnn_init err\n");
       }
       EXPECT_EQ(ol::global_context(), nullptr);
-      EXPECT_EQ(live_threads(), threads);
+      EXPECT_EQ(ol_test::settled_threads(threads), threads);
     }
   }
 }
