@@ -33,4 +33,15 @@ int settled_threads(int expected) {
   return n;
 }
 
+int quiet_threads() {
+  int n = live_threads(), same = 0;
+  for (int i = 0; i < 200 && same < 5; ++i) {
+    usleep(10000);
+    const int m = live_threads();
+    same = m == n ? same + 1 : 0;
+    n = m;
+  }
+  return n;
+}
+
 }  // namespace ol_test

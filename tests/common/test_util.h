@@ -45,6 +45,9 @@ int live_threads();
 // live_threads() once it equals `expected`, waiting up to 2 s: under an
 // emulator a joined thread may linger in /proc for a moment.
 int settled_threads(int expected);
+// The thread count once it has stopped changing (threads joined by earlier
+// code may still be leaving): the baseline for settled_threads.
+int quiet_threads();
 
 // printf into a std::string, for building expected messages.
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));

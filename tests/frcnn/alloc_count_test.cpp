@@ -129,7 +129,7 @@ TEST(alloc_count, init_exit_cycles_leave_nothing_behind) {
   std::vector<float> anchors = ol_test::base_anchors_9();
   const char* env = getenv("OL_CYCLES");
   const int cycles = env ? atoi(env) : 10000;
-  const int threads = live_threads();
+  const int threads = ol_test::quiet_threads();
   auto cycle = [&](int i) {
     frcnn_desc d = cycle_desc(i % 100 != 99);
     if (i & 1) {

@@ -73,7 +73,7 @@ TEST(global_context, init_twice_exit_without_init_and_reinit) {
 
 TEST(global_context, refused_configurations_print_their_reasons) {
   std::vector<float> anchors = ol_test::base_anchors_9();
-  const int before = live_threads();
+  const int before = ol_test::quiet_threads();
   {
     stdout_capture cap;
     EXPECT_EQ(opt_layers_frcnn_init(nullptr, anchors.data()), -1);
@@ -200,7 +200,7 @@ TEST(instance_context, every_allocation_failure_is_clean) {
         "malloc for histgram map err\n", "malloc for histgram list err\n",
         "malloc for histgram num err\n", "malloc for histgram sort err\n",
         "fatal: add task fail\n",      "fatal: no memory for simple node\n"};
-    const int threads_before = live_threads();
+    const int threads_before = ol_test::quiet_threads();
     int failures = 0;
     for (long k = 0; k < total; ++k) {
       failing_alloc f2;
@@ -227,7 +227,7 @@ TEST(instance_context, every_allocation_failure_is_clean) {
 
 TEST(instance_context, repeated_cycles_leave_nothing_behind) {
   std::vector<float> anchors = ol_test::base_anchors_9();
-  const int threads_before = live_threads();
+  const int threads_before = ol_test::quiet_threads();
   for (bool qsort : {true, false}) {
     frcnn_desc d = small_desc(2, qsort);
     d.anchor_num = 3;

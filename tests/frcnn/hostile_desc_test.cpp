@@ -76,7 +76,7 @@ const refused_case k_refused[] = {
 
 TEST(hostile_desc, oversized_buffers_are_refused_with_their_message) {
   std::vector<float> anchors(4 * 16, 1.0f);
-  const int threads = live_threads();
+  const int threads = ol_test::quiet_threads();
   for (bool qsort : {true, false}) {
     for (const refused_case& c : k_refused) {
       SCOPED_TRACE(c.name);
