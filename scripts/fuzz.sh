@@ -29,6 +29,7 @@ targets=("$@")
 [ ${#targets[@]} -eq 0 ] && targets=(nms roi_pooling roi_align crop_and_resize ps_roi_pooling pipeline)
 
 dir=${OL_FUZZ_DIR:-build/fuzz}
+mkdir -p "$dir"
 if ! CC=clang CXX=clang++ cmake -S . -B "$dir" -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo \
      -DOL_BUILD_FUZZ=ON -DOL_BUILD_TESTS=OFF -DOL_BUILD_TOOLS=OFF >"$dir.configure.log" 2>&1; then
   cat "$dir.configure.log"; echo "fuzz: configure failed"; exit 1

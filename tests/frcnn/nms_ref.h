@@ -1,5 +1,5 @@
 // Plain scalar twin of nms: the test oracle (and the scalar baseline of the
-// benchmark). Marks in a flag array, areas computed once, the overlap test
+// benchmark). Marks in a flag array, corners and areas converted once, the overlap test
 // written exactly as the kernel's contract states it.
 #ifndef OL_TESTS_FRCNN_NMS_REF_H
 #define OL_TESTS_FRCNN_NMS_REF_H
@@ -17,11 +17,13 @@ namespace ol_ref {
 inline int nms_ref(uint16_t* out, const uint16_t* in, int count, float iou_threshold, int max_out) {
   const int n = static_cast<int16_t>(count);  // the count is a signed 16-bit number
   if (count <= 0 || n <= 0 || max_out <= 0) return 0;
-  auto corner = [&](int i, int k) { return opt_layers_half::to_float(in[5 * i + k]); };
-  std::vector<float> area(n);
-  for (int i = 0; i < n; ++i)
-    area[i] = (corner(i, 2) - corner(i, 0) + 1) * (corner(i, 3) - corner(i, 1) + 1);
-  std::vector<bool> marked(n, false);
+  std::vector<float> box(4 * static_cast<size_t>(n)), area(n);
+  for (int i = 0; i < n; ++i) {
+    for (int k = 0; k < 4; ++k) box[4 * i + k] = opt_layers_half::to_float(in[5 * i + k]);
+    area[i] = (box[4 * i + 2] - box[4 * i] + 1) * (box[4 * i + 3] - box[4 * i + 1] + 1);
+  }
+  auto corner = [&](int i, int k) { return box[4 * i + k]; };
+  std::vector<uint8_t> marked(n, 0);
   int kept = 0;
   for (int c = 0; c < n && kept < max_out; ++c) {
     if (marked[c]) continue;
@@ -34,7 +36,7 @@ inline int nms_ref(uint16_t* out, const uint16_t* in, int count, float iou_thres
       const float h = std::min(corner(c, 3), corner(j, 3)) - std::max(corner(c, 1), corner(j, 1)) + 1;
       if (h <= 0) continue;
       const float inter = w * h;
-      if ((area[c] + area[j] - inter) * iou_threshold < inter) marked[j] = true;
+      if ((area[c] + area[j] - inter) * iou_threshold < inter) marked[j] = 1;
     }
   }
   return kept;
