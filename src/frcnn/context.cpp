@@ -37,6 +37,9 @@ bool alloc_into(T*& field, uint64_t bytes, const char* message) {
 }
 
 // Carves the histogram tables; any failure prints the table's message.
+// The 16 MiB slot map is left uninitialised: a slot is only read after the
+// frame that uses it wrote it, so its pages are touched only as buckets
+// fill, and init does not clear 16 MiB.
 bool alloc_hist(frcnn_context* ctx, uint64_t N) {
   hist_tables& t = ctx->hist;
   t.map = static_cast<uint32_t*>(ol_malloc(static_cast<size_t>(k_hist_buckets) * k_hist_inline *
@@ -66,7 +69,6 @@ bool alloc_hist(frcnn_context* ctx, uint64_t N) {
                   "malloc for histgram sort err"))
     return false;
   hist_build_order(t.sort, k_hist_buckets);
-  memset(t.map, 0, static_cast<size_t>(k_hist_buckets) * k_hist_inline * sizeof(uint32_t));
   hist_reset(&t);
   return true;
 }
