@@ -19,6 +19,19 @@ function(ol_target_flags target)
   ol_sanitize(${target})
 endfunction()
 
+# Objects of `target` are rebuilt when the coverage ignorelist changes (the
+# compiler reads it, but the build does not track it otherwise).
+function(ol_depend_on_ignorelist target)
+  get_target_property(srcs ${target} SOURCES)
+  get_target_property(dir ${target} SOURCE_DIR)
+  foreach(src ${srcs})
+    if(src MATCHES "\\.(c|cc|cpp)$")
+      set_property(SOURCE ${src} DIRECTORY ${dir} APPEND PROPERTY OBJECT_DEPENDS
+        ${PROJECT_SOURCE_DIR}/fuzz/coverage_ignore.txt)
+    endif()
+  endforeach()
+endfunction()
+
 function(ol_sanitize target)
   if(OL_SANITIZE STREQUAL "address")
     target_compile_options(${target} PRIVATE -fsanitize=address,undefined
@@ -33,6 +46,7 @@ function(ol_sanitize target)
       -fsanitize-coverage-ignorelist=${PROJECT_SOURCE_DIR}/fuzz/coverage_ignore.txt
       -fno-sanitize-recover=all -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=address,undefined -Wl,-z,undefs)
+    ol_depend_on_ignorelist(${target})
   elseif(OL_SANITIZE STREQUAL "thread")
     target_compile_options(${target} PRIVATE -fsanitize=thread -fno-omit-frame-pointer)
     target_link_options(${target} PRIVATE -fsanitize=thread)

@@ -25,7 +25,7 @@ constexpr uint64_t k_max_alloc = 48ull << 20;    // largest buffer let through
 constexpr uint64_t k_max_total = 160ull << 20;   // per init or frame series
 constexpr uint64_t k_max_count = 150000;         // allocations per series
 constexpr uint64_t k_max_elems = 4ull << 20;     // elements of a caller array
-constexpr uint64_t k_max_positions = 1ull << 18; // N for running frames
+constexpr uint64_t k_max_positions = 1ull << 16; // N for running frames
 
 std::atomic<uint64_t> g_bytes{0}, g_count{0};
 
