@@ -121,7 +121,7 @@ frcnn_desc cycle_desc(bool qsort) {
 }
 
 // 10,000 cycles (OL_CYCLES overrides): the comparison path for most, the
-// histogram path (16 MiB cleared per init) for one in a hundred, global and
+// histogram path (its 64 Ki-bucket tables set up per init) for one in a hundred, global and
 // instance forms alternating. The number of live heap blocks after them is
 // what it was after the first few (glibc keeps per-thread caches bounded),
 // and no thread is left.
