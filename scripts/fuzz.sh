@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Builds the libFuzzer targets with clang in build/fuzz (or $OL_FUZZ_DIR)
 # and runs each for a fixed number of executions, one target at a time,
-# keeping a corpus per target in <build dir>/corpus/<target>.
+# keeping a corpus per target in <build dir>/corpus/<target>. The seed
+# inputs in fuzz/corpus/<target> (a minimised corpus of earlier long runs)
+# are read first and never written.
 #
 #   scripts/fuzz.sh [-n RUNS] [-t SECONDS] [TARGET...]
 #     -n RUNS     executions per target (default 100000)
@@ -43,6 +45,8 @@ for t in "${targets[@]}"; do
   bin=$dir/fuzz/fuzz_$t
   [ -x "$bin" ] || { echo "fuzz $t: no such target"; status=1; continue; }
   mkdir -p "$dir/corpus/$t"
+  seeds=fuzz/corpus/$t
+  [ -d "$seeds" ] || seeds=
   log=$dir/fuzz_$t.log
   # Leak detection runs after every input whose allocations do not balance;
   # the pipeline starts and joins worker threads in every input, which makes
@@ -51,7 +55,8 @@ for t in "${targets[@]}"; do
   extra=()
   [ "$t" = pipeline ] && extra+=(-detect_leaks=0)
   "$bin" -runs="$runs" -max_total_time="$secs" -len_control=0 -rss_limit_mb=4096 \
-    -print_final_stats=1 -artifact_prefix="$dir/crash-$t-" "${extra[@]}" "$dir/corpus/$t" >"$log" 2>&1
+    -print_final_stats=1 -artifact_prefix="$dir/crash-$t-" "${extra[@]}" "$dir/corpus/$t" \
+    ${seeds:+"$seeds"} >"$log" 2>&1
   rc=$?
   done_runs=$(grep -E '^stat::number_of_executed_units' "$log" | awk '{print $2}')
   if [ $rc -eq 0 ]; then
