@@ -65,8 +65,8 @@ struct alloc_failer {
   ~alloc_failer() { remove(); }
 };
 
-// Tasks that each wait until `need` of them run at once, or until opened
-// (a deadline keeps a failure from hanging: the task then returns -1).
+// Tasks that each wait until `need` of them run at once, or until opened. A
+// task that waits 10 s returns -1 and opens the gate, so a failure cannot hang.
 struct gate {
   uint32_t need;
   std::atomic<uint32_t> arrived{0};
@@ -76,8 +76,10 @@ struct gate {
   static int32_t run(void* a) {
     gate* g = static_cast<gate*>(a);
     g->arrived.fetch_add(1);
-    for (int i = 0; i < 100000 && !g->open.load() && g->arrived.load() < g->need; ++i) usleep(200);
-    return g->open.load() || g->arrived.load() >= g->need ? 0 : -1;
+    for (int i = 0; i < 50000 && !g->open.load() && g->arrived.load() < g->need; ++i) usleep(200);
+    if (g->open.load() || g->arrived.load() >= g->need) return 0;
+    g->open.store(1);
+    return -1;
   }
   // Queues the tasks and returns once all of them run (one per worker).
   void hold(thread_pool* pool) {
@@ -110,18 +112,18 @@ TEST(thread_pool, invalid_arguments_messages) {
                                ol::on_refused::skip), 0u);
   thread_pool* pool = ol::thread_pool_create(1);
   ASSERT_NE(pool, nullptr);
-  // A NULL task would stop a worker: refused. A NULL function comes back unrun.
-  EXPECT_EQ(ol::thread_pool_add_task(pool, nullptr), -1);
+  // A NULL function comes back unrun. A NULL task would stop a worker: refused.
   thread_task null_func = {nullptr, nullptr, 1234};
   ASSERT_EQ(ol::thread_pool_add_task(pool, &null_func), 0);
   EXPECT_EQ(ol::thread_pool_wait(pool), &null_func);
   EXPECT_EQ(null_func.retval, 1234);
+  EXPECT_EQ(ol::thread_pool_add_task(pool, nullptr), -1);
   ol::thread_pool_destroy(pool);
   EXPECT_EQ(cap.end(),
             "thread number 0 less than 1\nthread number 33 exceed max 32\n"
             "thread number 255 exceed max 32\nerror: invalid params\nerror: invalid params\n"
             "error: invalid params\nerror: invalid params\nfatal: add task fail\n"
-            "error: invalid params\nerror: invalid task\n");
+            "error: invalid task\nerror: invalid params\n");
 }
 
 // Every worker exists and runs at once, on the small fixed stack, and is

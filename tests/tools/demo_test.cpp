@@ -244,8 +244,12 @@ TEST(demo_command, first_stage_only_then_second_stage) {
   run_output r = run_demo({"--input", dir, "--frames", "1"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(has(r.out, "first stage only")) << r.out;
-  for (const char* name : {"/rois.npy", "/roi_features.npy"})
-    EXPECT_EQ(read_file(dir + name), read_file(b.dir + name)) << name;
+  const npy_array rois = npy_read(dir + "/rois.npy"), features = npy_read(dir + "/roi_features.npy");
+  EXPECT_TRUE(rois.dtype == npy_dtype::f2 && features.dtype == npy_dtype::u2);
+  EXPECT_EQ(rois.shape, (std::vector<uint64_t>{b.result.rois, 4}));
+  EXPECT_EQ(memcmp(rois.data.data(), b.f.rois.data(), rois.data.size()), 0);
+  EXPECT_EQ(features.shape, (std::vector<uint64_t>{b.result.rois, 4, 7, 7, 16}));
+  EXPECT_EQ(read_file(dir + "/roi_features.npy"), read_file(b.dir + "/roi_features.npy"));
 
   fs::copy_file(b.dir + "/rcnn_cls.npy", dir + "/rcnn_cls.npy");
   fs::copy_file(b.dir + "/rcnn_bbox.npy", dir + "/rcnn_bbox.npy");
