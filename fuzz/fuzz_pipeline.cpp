@@ -48,8 +48,8 @@ frcnn_desc draw_desc(FuzzedDataProvider& in) {
   uint8_t flags[3];
   for (uint8_t& f : flags) f = in.ConsumeIntegral<uint8_t>();
   memcpy(reinterpret_cast<uint8_t*>(&d) + 1, flags, 3);
-  // The histogram path sets up 64 Ki-bucket tables at init, which would dominate the run
-  // time: one input in sixteen takes it.
+  // The histogram path sets up 64 Ki-bucket tables at init, which would
+  // dominate the run time: one input in sixteen takes it.
   d.is_use_qsort = (in.ConsumeIntegral<uint8_t>() & 15) != 0;
   // One input in sixteen draws frame-sized maps and counts; the others stay
   // small, which keeps a run fast (the edge values of draw_size still come).

@@ -1,6 +1,6 @@
 // Plain scalar twin of nms: the test oracle (and the scalar baseline of the
-// benchmark). Marks in a flag array, corners and areas converted once, the overlap test
-// written exactly as the kernel's contract states it.
+// benchmark). Marks in a flag array, corners and areas converted once, the
+// overlap test written exactly as the kernel's contract states it.
 #ifndef OL_TESTS_FRCNN_NMS_REF_H
 #define OL_TESTS_FRCNN_NMS_REF_H
 
