@@ -26,9 +26,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     count = in.ConsumeIntegralInRange<int>(0, kind < 224 ? 64 : 300);
     max_out = in.ConsumeIntegralInRange<int>(-2, count + 2);
   } else if (kind < 252) {
-    // The largest count: max_out keeps the greedy loop short.
-    count = 32767;
-    max_out = in.ConsumeIntegralInRange<int>(-1, 8);
+    // Lists too long for the stack scratch (above about 600 boxes) take the
+    // heap path; one in eight has the largest count. max_out keeps the
+    // greedy loop short.
+    count = (in.ConsumeIntegral<uint8_t>() & 7) == 0 ? 32767 : in.ConsumeIntegralInRange<int>(500, 2500);
+    max_out = in.ConsumeIntegralInRange<int>(-1, count == 32767 ? 8 : 64);
   } else {
     count = in.ConsumeIntegralInRange<int>(-70000, 0);
     max_out = in.ConsumeIntegral<int>();
