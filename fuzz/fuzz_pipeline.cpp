@@ -120,8 +120,10 @@ frame_inputs plan_frames(const frcnn_desc& d, FuzzedDataProvider& in) {
   p.bbox_n = pitched_extent(mul(4 * A, H), d.fmap_pitch, W);
   const uint32_t max_rois = std::min<uint32_t>(d.post_nms_num, 32767);
   // post_nms may be given more ROIs than NMS returned (up to post_nms_num).
+  // The class NMS is quadratic in them: thousands come one time in 64.
   const uint8_t r = in.ConsumeIntegral<uint8_t>();
-  p.roi_num = r < 200 ? 0 : in.ConsumeIntegralInRange<uint32_t>(0, std::min<uint32_t>(d.post_nms_num, 40000) + 5);
+  const uint32_t roi_cap = r < 252 ? 2000 : 40000;
+  p.roi_num = r < 200 ? 0 : in.ConsumeIntegralInRange<uint32_t>(0, std::min(d.post_nms_num, roi_cap) + 5);
   p.post_rows = std::max(max_rois, std::min(p.roi_num, d.post_nms_num));
   p.nms_n = 4ull * p.post_rows;
   const uint64_t C = d.class_num == 0 ? 0 : (d.is_no_rcnn_bg_bbox ? d.class_num - 1 : d.class_num);
