@@ -13,7 +13,6 @@
 
 namespace {
 
-using ol_test::f;
 using ol_test::h;
 
 const uint16_t k_poison = 0x7D5A;  // a NaN pattern the kernel never writes
@@ -41,21 +40,13 @@ struct problem {
   size_t result_size() const { return class_num + 5 * static_cast<size_t>(post_nms_num) * class_num; }
 };
 
-// Scratch block for one kernel call, deliberately misaligned.
-struct scratch_block {
-  std::vector<unsigned char> bytes;
-  ol::class_nms_scratch s;
-  explicit scratch_block(uint32_t n) : bytes(ol::class_nms_scratch_bytes(n) + 1) {
-    s = ol::class_nms_scratch_at(bytes.data() + 1, n);
-  }
-};
-
+// The kernel on a deliberately misaligned scratch block.
 std::vector<uint16_t> run_kernel(problem& p, uint32_t start, uint32_t end) {
   std::vector<uint16_t> out(p.result_size(), k_poison);
-  scratch_block sb(p.n);
+  std::vector<unsigned char> bytes(ol::class_nms_scratch_bytes(p.n) + 1);
   ol::rcnn_class_nms(out.data(), out.data() + p.class_num, p.boxes.data(), p.scores.data(), start,
                      end, p.class_num, p.pitch, p.n, p.post_nms_num, p.no_bg, p.iou, p.cls_prob,
-                     sb.s);
+                     ol::class_nms_scratch_at(bytes.data() + 1, p.n));
   return out;
 }
 
@@ -77,81 +68,57 @@ std::vector<uint16_t> run_stage(problem& p, uint32_t threads, uint32_t n) {
   return out;
 }
 
-const uint16_t* record(const std::vector<uint16_t>& out, const problem& p, uint32_t c, uint32_t k) {
-  return &out[p.class_num + 5 * (static_cast<size_t>(p.post_nms_num) * c + k)];
-}
-
-TEST(RcnnClassNms, EqualScoresFollowTheSelectionSort) {
-  problem p(3, 2, 3);
-  p.set(0, 1, 0, 0, 9, 9, 0.5f);
-  p.set(1, 1, 20, 0, 29, 9, 0.5f);
-  p.set(2, 1, 40, 0, 49, 9, 0.9f);
-  const std::vector<uint16_t> out = run_kernel(p, 1, 2);
-  EXPECT_EQ(0x4200, out[1]);  // three detections: 3.0
-  const float x1[3] = {40, 20, 0};  // proposals 2, 1, 0
-  for (uint32_t k = 0; k < 3; ++k) {
-    EXPECT_EQ(x1[k], f(record(out, p, 1, k)[0]));
-    EXPECT_EQ(h(x1[k] + 9), record(out, p, 1, k)[2]);
+// Worked examples on class 1 of two: which proposals are kept, in which
+// order (each record is the rounded box and the score).
+TEST(RcnnClassNms, WorkedExamples) {
+  struct example {
+    const char* what;
+    float iou, cls_prob;
+    uint32_t post;
+    std::vector<std::vector<float>> boxes;  // x1 y1 x2 y2 score
+    std::vector<uint32_t> kept;
+  };
+  const std::vector<float> a = {0, 0, 9, 9, 0.9f}, b = {9, 0, 18, 9, 0.8f};
+  const example cases[] = {
+      {"equal scores keep the order of the selection sort", 0.7f, 0.05f, 3,
+       {{0, 0, 9, 9, 0.5f}, {20, 0, 29, 9, 0.5f}, {40, 0, 49, 9, 0.9f}}, {2, 1, 0}},
+      {"a score equal to cls_prob is not kept", 0.7f, 0.5f, 2,
+       {{0, 0, 9, 9, 0.5f}, {50, 0, 59, 9, 0.25f}}, {}},
+      {"the next half above cls_prob is", 0.7f, 0.5f, 2,
+       {{0, 0, 9, 9, 0.5f}, {50, 0, 59, 9, 0.50048828125f}}, {1}},
+      // One shared column: inter 10, union 190, IoU 0.0526.
+      {"IoU above 0.052", 0.052f, 0.05f, 2, {a, b}, {0}},
+      {"IoU not above 0.053", 0.053f, 0.05f, 2, {a, b}, {0, 1}},
+      {"identical boxes: IoU 1 above 0.7", 0.7f, 0.05f, 2, {a, {0, 0, 9, 9, 0.8f}}, {0}},
+      {"identical boxes: IoU 1 not above 1.0", 1.0f, 0.05f, 2, {a, {0, 0, 9, 9, 0.8f}}, {0, 1}},
+      // 1000.25 and 1000.3 round to 1000.5, 1000.75 (a tie as well) to 1001.
+      {"coordinates round to the nearest half, ties away", 0.7f, 0.05f, 1,
+       {{1000.25f, 1000.3f, 1000.75f, 7.0f, 0.75f}}, {0}},
+      // The scratch holds 6, the kernel stops at 4.
+      {"the count stops at post_nms_num", 0.7f, 0.05f, 4,
+       {{0, 0, 9, 9, 0.1f}, {20, 0, 29, 9, 0.2f}, {40, 0, 49, 9, 0.3f}, {60, 0, 69, 9, 0.4f},
+        {80, 0, 89, 9, 0.5f}, {100, 0, 109, 9, 0.6f}},
+       {5, 4, 3, 2}},
+  };
+  for (const example& e : cases) {
+    SCOPED_TRACE(e.what);
+    problem p(static_cast<uint32_t>(e.boxes.size()), 2, e.post);
+    p.iou = e.iou;
+    p.cls_prob = e.cls_prob;
+    for (uint32_t i = 0; i < p.n; ++i) {
+      const std::vector<float>& v = e.boxes[i];
+      p.set(i, 1, v[0], v[1], v[2], v[3], v[4]);
+    }
+    const std::vector<uint16_t> out = run_kernel(p, 1, 2);
+    EXPECT_EQ(h(static_cast<float>(e.kept.size())), out[1]);
+    for (size_t k = 0; k < e.kept.size(); ++k) {
+      const std::vector<float>& v = e.boxes[e.kept[k]];
+      EXPECT_EQ(std::vector<uint16_t>({h(v[0]), h(v[1]), h(v[2]), h(v[3]), h(v[4])}),
+                std::vector<uint16_t>(out.begin() + 2 + 5 * (e.post + k),
+                                      out.begin() + 7 + 5 * (e.post + k)));
+    }
+    EXPECT_EQ(out, run_reference(p, 1, 2));
   }
-  EXPECT_EQ(h(0.9f), record(out, p, 1, 0)[4]);
-  EXPECT_EQ(out, run_reference(p, 1, 2));
-}
-
-TEST(RcnnClassNms, CoordinatesRoundTiesAwayScoresCopied) {
-  problem p(1, 2, 1);
-  p.set(0, 1, 1000.25f, 1000.3f, 1000.75f, 7.0f, 0.0f);
-  p.scores[1] = 0x3A01;  // copied bit for bit
-  const std::vector<uint16_t> out = run_kernel(p, 1, 2);
-  const uint16_t* r = record(out, p, 1, 0);
-  EXPECT_EQ(1000.5f, f(r[0]));
-  EXPECT_EQ(1000.5f, f(r[1]));
-  EXPECT_EQ(1001.0f, f(r[2]));  // 1000.75 ties away as well
-  EXPECT_EQ(0x3A01, r[4]);
-}
-
-TEST(RcnnClassNms, ThresholdsAreStrict) {
-  // A score equal to cls_prob is not kept.
-  problem p(2, 2, 2);
-  p.cls_prob = 0.5f;
-  p.set(0, 1, 0, 0, 9, 9, 0.5f);
-  p.set(1, 1, 50, 0, 59, 9, 0.25f);
-  EXPECT_EQ(0, run_kernel(p, 1, 2)[1]);
-  p.set(1, 1, 50, 0, 59, 9, 0.50048828125f);  // next half above 0.5
-  EXPECT_EQ(h(1), run_kernel(p, 1, 2)[1]);
-
-  // (0,0,9,9) and (9,0,18,9): inter 10, union 190, IoU 0.0526.
-  problem q(2, 2, 2);
-  q.set(0, 1, 0, 0, 9, 9, 0.9f);
-  q.set(1, 1, 9, 0, 18, 9, 0.8f);
-  q.iou = 0.052f;
-  EXPECT_EQ(h(1), run_kernel(q, 1, 2)[1]);
-  q.iou = 0.053f;
-  EXPECT_EQ(h(2), run_kernel(q, 1, 2)[1]);
-
-  // Identical boxes: IoU 1 is above 0.7 but not above 1.0.
-  q.set(1, 1, 0, 0, 9, 9, 0.8f);
-  q.iou = 0.7f;
-  std::vector<uint16_t> out = run_kernel(q, 1, 2);
-  EXPECT_EQ(h(1), out[1]);
-  EXPECT_EQ(h(0.9f), record(out, q, 1, 0)[4]);
-  q.iou = 1.0f;
-  out = run_kernel(q, 1, 2);
-  EXPECT_EQ(h(2), out[1]);
-  EXPECT_EQ(h(0.8f), record(out, q, 1, 1)[4]);
-}
-
-TEST(RcnnClassNms, CountStopsAtPostNmsNum) {
-  problem p(6, 2, 6);
-  for (uint32_t i = 0; i < 6; ++i) p.set(i, 1, 20.0f * i, 0, 20.0f * i + 9, 9, 0.1f * (i + 1));
-  p.post_nms_num = 6;
-  std::vector<uint16_t> out = run_kernel(p, 1, 2);
-  EXPECT_EQ(h(6), out[1]);
-  // Same data, a block of 4: the kernel stops at 4 (scratch still holds 6).
-  problem q = p;
-  q.post_nms_num = 4;
-  out = run_kernel(q, 1, 2);
-  EXPECT_EQ(h(4), out[1]);
-  EXPECT_EQ(out, run_reference(q, 1, 2));
 }
 
 // Random problems built to meet ties, overlaps, NaN scores and coordinates,
@@ -160,15 +127,15 @@ TEST(RcnnClassNms, CountStopsAtPostNmsNum) {
 TEST(RcnnClassNms, MatchesScalarTwin) {
   ol_test::rng r(2024);
   const float grid_scores[] = {0.0f, 0.04f, 0.05f, 0.3f, 0.5f, 0.9f, -0.0f, 1.0f};
+  const float ious[] = {0.3f, 0.5f, 0.7f, 1.0f, 0.0f, -1.0f};
+  const float probs[] = {0.05f, 0.0f, 0.5f, -1.0f, 0.3f, 1e-7f, -INFINITY, 70000.0f};
   for (int iter = 0; iter < 300; ++iter) {
     const uint32_t n = static_cast<uint32_t>(r.range(0, iter < 250 ? 40 : 300));
     const uint32_t classes = static_cast<uint32_t>(r.range(2, 5));
     problem p(n, classes, n + static_cast<uint32_t>(r.range(0, 3)));
     if (r.next() % 4 == 0 && n > 0) p.post_nms_num = static_cast<uint32_t>(r.range(1, n));
     p.no_bg = r.next() & 1;
-    const float ious[] = {0.3f, 0.5f, 0.7f, 1.0f, 0.0f, -1.0f};
     p.iou = ious[r.next() % 6];
-    const float probs[] = {0.05f, 0.0f, 0.5f, -1.0f, 0.3f, 1e-7f, -INFINITY, 70000.0f};
     p.cls_prob = probs[r.next() % 8];
     const bool nan_scores = r.next() % 5 == 0;
     if (r.next() % 40 == 0) p.cls_prob = NAN;
@@ -203,9 +170,7 @@ TEST(FrcnnRcnnNms, TaskRanges) {
     uint32_t start[10], end[10];
   };
   const expect cases[] = {
-      {21, {1, 3, 5, 7, 9, 11, 13, 15, 17, 19}, {3, 5, 7, 9, 11, 13, 15, 17, 19, 21}},
       {26, {1, 3, 5, 7, 9, 11, 13, 15, 17, 19}, {3, 5, 7, 9, 11, 13, 15, 17, 19, 26}},
-      {81, {1, 9, 17, 25, 33, 41, 49, 57, 65, 73}, {9, 17, 25, 33, 41, 49, 57, 65, 73, 81}},
       {5, {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, {1, 1, 1, 1, 1, 1, 1, 1, 1, 5}},
       {1, {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}, {1, 1, 1, 1, 1, 1, 1, 1, 1, 1}},
   };
@@ -219,49 +184,27 @@ TEST(FrcnnRcnnNms, TaskRanges) {
   }
 }
 
-TEST(FrcnnRcnnNms, TableLayout) {
-  // class_num 3, post_nms_num 4: 63 values, class 1 at 23, class 2 at 43.
-  problem p(2, 3, 4);
-  p.set(0, 1, 0, 0, 9, 9, 0.9f);
-  p.set(1, 1, 100, 0, 109, 9, 0.8f);
-  p.set(0, 2, 5, 5, 15, 15, 0.6f);
-  p.set(1, 2, 5, 5, 15, 15, 0.01f);
-  p.scores[0] = p.scores[p.pitch] = h(1.0f);  // background: never read
-  const std::vector<uint16_t> out = run_stage(p, 3, 2);
-  ASSERT_EQ(63u, out.size());
-  EXPECT_EQ(0, out[0]);
-  EXPECT_EQ(h(2), out[1]);
-  EXPECT_EQ(h(1), out[2]);
-  for (size_t v = 3; v < 23; ++v) EXPECT_EQ(k_poison, out[v]) << v;
-  EXPECT_EQ(std::vector<uint16_t>({h(0), h(0), h(9), h(9), h(0.9f)}),
-            std::vector<uint16_t>(out.begin() + 23, out.begin() + 28));
-  EXPECT_EQ(h(100), out[28]);
-  for (size_t v = 33; v < 43; ++v) EXPECT_EQ(k_poison, out[v]) << v;
-  EXPECT_EQ(std::vector<uint16_t>({h(5), h(5), h(15), h(15), h(0.6f)}),
-            std::vector<uint16_t>(out.begin() + 43, out.begin() + 48));
-  for (size_t v = 48; v < 63; ++v) EXPECT_EQ(k_poison, out[v]) << v;
-}
-
-TEST(FrcnnRcnnNms, EdgeCounts) {
-  problem p(3, 4, 3);
-  for (uint32_t i = 0; i < 3; ++i)
-    for (uint32_t c = 0; c < 4; ++c) p.set(i, c, 30.0f * i, 0, 30.0f * i + 9, 9, 0.9f);
-  // n = 0: every count 0, no record.
-  std::vector<uint16_t> out = run_stage(p, 2, 0);
-  for (uint32_t c = 0; c < 4; ++c) EXPECT_EQ(0, out[c]);
-  for (size_t v = 4; v < out.size(); ++v) ASSERT_EQ(k_poison, out[v]);
-
-  // n above post_nms_num is limited to it.
-  out = run_stage(p, 2, 7);
-  std::vector<uint16_t> want = run_reference(p, 1, 4);
-  want[0] = 0;
-  EXPECT_EQ(want, out);
-
-  // class_num 1: only value 0 is written; class_num 0: nothing.
-  problem one(3, 1, 3);
-  out = run_stage(one, 2, 3);
-  EXPECT_EQ(0, out[0]);
-  for (size_t v = 1; v < out.size(); ++v) EXPECT_EQ(k_poison, out[v]);
+// The stage against the twin on a 21-class frame (no background set) and
+// at the edges: n = 0 (every count 0, no record), n above post_nms_num
+// (limited to it), class_num 1 (only value 0 is written); 1 and 8 workers.
+TEST(FrcnnRcnnNms, StageMatchesTwinForAnyThreadCount) {
+  const struct { uint32_t n, given, classes, post; } cases[] = {
+      {120, 120, 21, 150}, {0, 0, 4, 3}, {3, 7, 4, 3}, {3, 3, 1, 3}};
+  ol_test::rng r(5);
+  for (const auto& c : cases) {
+    problem p(c.n, c.classes, c.post);
+    p.no_bg = c.classes == 21;
+    for (uint32_t i = 0; i < p.n; ++i)
+      for (uint32_t k = p.no_bg ? 1 : 0; k < p.class_num; ++k) {
+        const float x = r.uniform(0, 300), y = r.uniform(0, 300);
+        p.set(i, k, x, y, x + r.uniform(5, 80), y + r.uniform(5, 80),
+              r.next() % 4 ? r.uniform(0, 0.05f) : r.uniform(0, 1));
+      }
+    std::vector<uint16_t> want = run_reference(p, 1, p.class_num);
+    want[0] = 0;  // the background count
+    for (uint32_t threads : {1u, 8u}) EXPECT_EQ(want, run_stage(p, threads, c.given)) << c.n;
+  }
+  // class_num 0: nothing at all.
   problem none(3, 0, 3);
   ol::thread_pool* pool = ol::thread_pool_create(1);
   uint16_t sentinel = k_poison;
@@ -269,23 +212,6 @@ TEST(FrcnnRcnnNms, EdgeCounts) {
                      0.5f, 0.05f, nullptr, 0);
   ol::thread_pool_destroy(pool);
   EXPECT_EQ(k_poison, sentinel);
-}
-
-TEST(FrcnnRcnnNms, SameResultForAnyThreadCount) {
-  ol_test::rng r(5);
-  problem p(120, 21, 150);
-  p.no_bg = true;
-  for (uint32_t i = 0; i < p.n; ++i)
-    for (uint32_t c = 1; c < p.class_num; ++c) {
-      const float x = r.uniform(0, 300), y = r.uniform(0, 300);
-      p.set(i, c, x, y, x + r.uniform(5, 80), y + r.uniform(5, 80),
-            r.next() % 4 ? r.uniform(0, 0.05f) : r.uniform(0, 1));
-    }
-  const std::vector<uint16_t> one = run_stage(p, 1, p.n);
-  std::vector<uint16_t> want = run_reference(p, 1, p.class_num);
-  want[0] = 0;
-  EXPECT_EQ(want, one);
-  EXPECT_EQ(one, run_stage(p, 8, p.n));
 }
 
 }  // namespace
