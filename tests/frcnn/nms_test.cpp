@@ -21,8 +21,17 @@ using ol_test::h;
 constexpr uint16_t k_poison = 0xA5A5;
 
 // Proposal records (x1 y1 x2 y2 score) in clusters of jittered boxes, with
-// optional rare NaN / infinite coordinates and degenerate boxes.
+// optional rare NaN / infinite coordinates and degenerate boxes. With no
+// cluster: small integer boxes on a small grid, many of which just touch (w
+// or h exactly 0 or 1) or overlap exactly at the threshold (the strict test).
 std::vector<uint16_t> make_boxes(ol_test::rng& rng, int n, int clusters, bool unusual) {
+  std::vector<uint16_t> v;
+  for (int i = 0; clusters == 0 && i < n; ++i) {
+    const int x1 = rng.range(0, 24), y1 = rng.range(0, 24);
+    const float rec[5] = {float(x1), float(y1), float(x1 + rng.range(-1, 9)),
+                          float(y1 + rng.range(-1, 9)), 0.5f};
+    for (float x : rec) v.push_back(h(x));
+  }
   std::vector<float> cx(clusters), cy(clusters), cw(clusters), chh(clusters);
   for (int k = 0; k < clusters; ++k) {
     cx[k] = rng.uniform(0, 900);
@@ -31,8 +40,7 @@ std::vector<uint16_t> make_boxes(ol_test::rng& rng, int n, int clusters, bool un
     chh[k] = rng.uniform(8, 300);
   }
   const uint16_t odd[] = {0x7E00, 0xFE00, 0x7C00, 0xFC00, 0x7BFF, 0xFBFF};
-  std::vector<uint16_t> v;
-  for (int i = 0; i < n; ++i) {
+  for (int i = 0; clusters > 0 && i < n; ++i) {
     const int k = rng.range(0, clusters - 1);
     const float j = 0.15f;
     const float x1 = cx[k] + rng.uniform(-j, j) * cw[k], y1 = cy[k] + rng.uniform(-j, j) * chh[k];
@@ -46,19 +54,6 @@ std::vector<uint16_t> make_boxes(ol_test::rng& rng, int n, int clusters, bool un
       if (r == 3) rec[2] = h(ol_test::f(rec[0]) - 1);  // zero wide
     }
     v.insert(v.end(), rec, rec + 5);
-  }
-  return v;
-}
-
-// Small integer boxes on a small grid: many boxes that just touch (w or
-// h exactly 0 or 1) and IoUs exactly at the threshold (the strict test).
-std::vector<uint16_t> make_grid_boxes(ol_test::rng& rng, int n) {
-  std::vector<uint16_t> v;
-  for (int i = 0; i < n; ++i) {
-    const int x1 = rng.range(0, 24), y1 = rng.range(0, 24);
-    const float rec[5] = {float(x1), float(y1), float(x1 + rng.range(-1, 9)),
-                          float(y1 + rng.range(-1, 9)), 0.5f};
-    for (float x : rec) v.push_back(h(x));
   }
   return v;
 }
@@ -123,14 +118,13 @@ TEST(Nms, MatchesTwinOnRandomSets) {
   const nms_fn fns[] = {call_nms, call_kernel, call_nms_no_heap};
   for (int iter = 0; iter < 300; ++iter) {
     const int n = iter % 4 == 0 ? rng.range(510, 1200) : rng.range(1, 200);
-    std::vector<uint16_t> in = iter % 3 == 2 ? make_grid_boxes(rng, n)
-                                             : make_boxes(rng, n, rng.range(1, 40), iter % 2 == 0);
+    std::vector<uint16_t> in = make_boxes(rng, n, iter % 3 == 2 ? 0 : rng.range(1, 40), iter % 2);
     if (iter % 5 == 1)
       for (uint16_t& v : in)
         if (rng.next() % 8 == 0) v = odd[rng.range(0, 7)];
     const float thr = iter % 5 == 0 ? rng.uniform(0, 1) : thresholds[rng.range(0, 7)];
     const int max_out = rng.range(1, n + 4);
-    expect_like_twin(fns[(iter / 2) % 3], in, n, thr, max_out);
+    expect_like_twin(fns[(iter / 3) % 3], in, n, thr, max_out);
   }
 }
 
@@ -182,8 +176,9 @@ TEST(Nms, InclusiveSizesAndStrictTest) {
 
 TEST(Nms, EmptyCallsWriteNothing) {
   std::vector<uint16_t> in(10, h(5.0f));
+  // 40000 is negative as a 16-bit count.
   for (auto c : {std::make_pair(0, 4), std::make_pair(-1, 4), std::make_pair(2, 0),
-                 std::make_pair(2, -5), std::make_pair(-70000, 4)}) {
+                 std::make_pair(2, -5), std::make_pair(-70000, 4), std::make_pair(40000, 4)}) {
     std::vector<uint16_t> out(16, k_poison);
     EXPECT_EQ(0, call_nms(out.data(), in.data(), c.first, 0.5f, c.second));
     EXPECT_EQ(0, call_kernel(out.data(), in.data(), c.first, 0.5f, c.second));
@@ -191,16 +186,12 @@ TEST(Nms, EmptyCallsWriteNothing) {
   }
 }
 
-// Counts beyond 32767 are taken as signed 16-bit: 40000 is negative and
-// examines nothing; 65536 + 600 examines 600. Buffers are exactly the given
-// size, so reads past them would show under ASan.
+// Counts beyond 32767 are taken as signed 16-bit: 65536 + 600 examines
+// 600. Buffers are exactly the given size, so reads past them would show
+// under ASan.
 TEST(Nms, CountsBeyondSixteenBits) {
   ol_test::rng rng(13);
-  std::vector<uint16_t> in = make_boxes(rng, 40000, 50, false);
-  std::vector<uint16_t> out(300 * 4, k_poison);
-  EXPECT_EQ(0, call_nms(out.data(), in.data(), 40000, 0.7f, 300));
-  for (uint16_t e : out) ASSERT_EQ(k_poison, e);
-  in = make_boxes(rng, 65536 + 600, 50, false);
+  std::vector<uint16_t> in = make_boxes(rng, 65536 + 600, 50, false);
   expect_like_twin(call_nms, in, 65536 + 600, 0.7f, 300);
   expect_like_twin(call_kernel, in, 65536 + 600, 0.7f, 300);
   EXPECT_EQ(ol::nms_scratch_bytes(32767), ol::nms_scratch_bytes(40000));
