@@ -1,4 +1,5 @@
-// The descriptor's binary layout and its configuration dump.
+// The descriptor's flag bits and its configuration dump (the field offsets
+// are fixed by static_asserts in the public header).
 #include <stdint.h>
 #include <string.h>
 
@@ -21,150 +22,70 @@ const char k_flag_text[] =
 const char k_scale_text[] =
     "[BBox Scale Factor] center_x: %f, center_y: %f, width: %f, hegith: %f\n";
 
-// Every field a different value, so that a swapped argument shows.
-frcnn_desc distinct_desc() {
-  frcnn_desc d;
-  memset(&d, 0, sizeof d);
-  d.thread_num = 3;
-  d.anchor_num = 9;
-  d.pre_nms_num = 6000;
-  d.post_nms_num = 300;
-  d.class_num = 21;
-  d.img_h = 600;
-  d.img_w = 1000;
-  d.fmap_scale = 16;
-  d.fmap_d = 512;
-  d.fmap_h = 38;
-  d.fmap_w = 63;
-  d.fmap_pitch = 64;
-  d.rpn_bbox_pitch = 65;
-  d.rpn_cls_pitch = 66;
-  d.min_size = 17;
-  d.pool_h = 7;
-  d.pool_w = 8;
-  d.pool_pitch = 56;
-  d.rcnn_bbox_pitch = 84;
-  d.rcnn_cls_pitch = 22;
-  d.pre_nms_iou = 0.7f;
-  d.post_nms_iou = 0.3f;
-  d.cls_prob = 0.05f;
-  d.rpn_cls_threshold = -0.125f;
-  d.bbox_type = 1;
-  d.bbox_scale_factor = {10.5f, 11.25f, 5.75f, 6.125f};
-  return d;
-}
+// The record as raw bytes: 3 threads, no flags, every 32-bit field a
+// different value so that a swapped argument shows.
+struct raw_desc {
+  uint8_t b[sizeof(frcnn_desc)] = {3};
+  raw_desc() {
+    for (size_t at = 4; at < sizeof b; at += 4) {
+      const uint32_t u = 1000 + static_cast<uint32_t>(at);
+      memcpy(b + at, &u, 4);
+    }
+    const float floats[2][4] = {{0.7f, 0.3f, 0.05f, -0.125f}, {10.5f, 11.25f, 5.75f, 6.125f}};
+    memcpy(b + offsetof(frcnn_desc, pre_nms_iou), floats[0], 16);
+    memcpy(b + offsetof(frcnn_desc, bbox_scale_factor), floats[1], 16);
+  }
+  std::string dump() const {
+    frcnn_desc d;
+    memcpy(&d, b, sizeof d);
+    ol_test::stdout_capture cap;
+    ol::frcnn_desc_dump(&d);
+    return cap.end();
+  }
+};
 
-// The expected dump, from the record order into the text order by hand.
+// The value raw_desc gives a 32-bit field.
+#define U(field) (1000u + static_cast<unsigned>(offsetof(frcnn_desc, field)))
+
+// The expected dump, in the text order; flags[i] is the i-th flag shown.
 std::string expected_dump(const unsigned flags[9], bool scale) {
   std::string s = ol_test::format(
-      k_desc_text, 3u, 9u, 6000u, 300u, 21u, 17u, 600u, 1000u, 16u, 512u, 38u, 63u, 64u, 7u, 8u,
-      56u, 66u, 65u, 22u, 84u, static_cast<double>(0.7f), static_cast<double>(0.3f),
-      static_cast<double>(0.05f), static_cast<double>(-0.125f), 1u);
+      k_desc_text, 3u, U(anchor_num), U(pre_nms_num), U(post_nms_num), U(class_num), U(min_size),
+      U(img_h), U(img_w), U(fmap_scale), U(fmap_d), U(fmap_h), U(fmap_w), U(fmap_pitch), U(pool_h),
+      U(pool_w), U(pool_pitch), U(rpn_cls_pitch), U(rpn_bbox_pitch), U(rcnn_cls_pitch),
+      U(rcnn_bbox_pitch), static_cast<double>(0.7f), static_cast<double>(0.3f),
+      static_cast<double>(0.05f), -0.125, U(bbox_type));
   s += ol_test::format(k_flag_text, flags[0], flags[1], flags[2], flags[3], flags[4], flags[5],
                        flags[6], flags[7], flags[8]);
   if (scale) s += ol_test::format(k_scale_text, 10.5, 11.25, 5.75, 6.125);
   return s;
 }
 
-std::string dump(const frcnn_desc& d) {
-  ol_test::stdout_capture cap;
-  ol::frcnn_desc_dump(&d);
-  return cap.end();
-}
-
-struct flag_case {
-  const char* name;
-  void (*set)(frcnn_desc&);
-  int byte, bit;
-  int shown;  // position in the flag text, -1 when not shown
-};
-
-const flag_case k_flags[] = {
-    {"is_debug", [](frcnn_desc& d) { d.is_debug = 1; }, 1, 0, -1},
-    {"fmap_sign", [](frcnn_desc& d) { d.fmap_sign = 1; }, 1, 1, 0},
-    {"rcnn_bbox_share_location", [](frcnn_desc& d) { d.rcnn_bbox_share_location = 1; }, 1, 2, 1},
-    {"is_anchor_bbox_suppress", [](frcnn_desc& d) { d.is_anchor_bbox_suppress = 1; }, 1, 3, 2},
-    {"is_rpn_cls_fg_minus_bg", [](frcnn_desc& d) { d.is_rpn_cls_fg_minus_bg = 1; }, 1, 4, 3},
-    {"is_rpn_cls_fg_only", [](frcnn_desc& d) { d.is_rpn_cls_fg_only = 1; }, 1, 5, 4},
-    {"is_filter_rpn_cls", [](frcnn_desc& d) { d.is_filter_rpn_cls = 1; }, 1, 6, 5},
-    {"is_apply_bbox_scale_factor", [](frcnn_desc& d) { d.is_apply_bbox_scale_factor = 1; }, 1, 7,
-     6},
-    {"is_no_rcnn_bg_bbox", [](frcnn_desc& d) { d.is_no_rcnn_bg_bbox = 1; }, 2, 0, 7},
-    {"is_use_qsort", [](frcnn_desc& d) { d.is_use_qsort = 1; }, 2, 1, 8},
-};
-
-TEST(frcnn_desc, dump_text_and_argument_order) {
-  const frcnn_desc d = distinct_desc();
-  const unsigned none[9] = {};
-  EXPECT_EQ(dump(d), expected_dump(none, false));
-}
-
-TEST(frcnn_desc, each_flag_alone) {
-  for (const flag_case& fc : k_flags) {
-    frcnn_desc d = distinct_desc();
-    fc.set(d);
-    uint8_t raw[sizeof d];
-    memcpy(raw, &d, sizeof d);
-    EXPECT_EQ(raw[0], 3) << fc.name;
-    EXPECT_EQ(raw[1], fc.byte == 1 ? 1u << fc.bit : 0u) << fc.name;
-    EXPECT_EQ(raw[2], fc.byte == 2 ? 1u << fc.bit : 0u) << fc.name;
-    EXPECT_EQ(raw[3], 0) << fc.name;
+// Each flag bit alone (byte, bit, position in the flag text or -1 for
+// is_debug, which is not shown), then all of them with the reserved bits
+// and byte set: every flag prints as 1, not as its bit value, and the
+// reserved bits change nothing.
+TEST(frcnn_desc, flag_bits_and_dump) {
+  const int k_flags[10][3] = {{1, 0, -1}, {1, 1, 0}, {1, 2, 1}, {1, 3, 2}, {1, 4, 3},
+                              {1, 5, 4},  {1, 6, 5}, {1, 7, 6}, {2, 0, 7}, {2, 1, 8}};
+  const unsigned none[9] = {}, all[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
+  raw_desc plain;
+  EXPECT_EQ(plain.dump(), expected_dump(none, false));
+  for (const auto& fl : k_flags) {
+    SCOPED_TRACE(testing::Message() << "byte " << fl[0] << " bit " << fl[1]);
+    raw_desc r;
+    r.b[fl[0]] = static_cast<uint8_t>(1u << fl[1]);
     unsigned flags[9] = {};
-    if (fc.shown >= 0) flags[fc.shown] = 1;
-    EXPECT_EQ(dump(d), expected_dump(flags, fc.shown == 6)) << fc.name;
+    if (fl[2] >= 0) flags[fl[2]] = 1;
+    EXPECT_EQ(r.dump(), expected_dump(flags, fl[2] == 6));
   }
-  // All together: every flag prints as 1, not as its bit value.
-  frcnn_desc d = distinct_desc();
-  for (const flag_case& fc : k_flags) fc.set(d);
-  uint8_t raw[sizeof d];
-  memcpy(raw, &d, sizeof d);
-  EXPECT_EQ(raw[1], 0xFF);
-  EXPECT_EQ(raw[2], 0x03);
-  const unsigned all[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
-  EXPECT_EQ(dump(d), expected_dump(all, true));
-}
-
-TEST(frcnn_desc, reserved_bits_change_nothing) {
-  for (bool scale : {false, true}) {
-    frcnn_desc d = distinct_desc();
-    d.is_apply_bbox_scale_factor = scale;
-    const std::string clean = dump(d);
-    uint8_t raw[sizeof d];
-    memcpy(raw, &d, sizeof d);
-    raw[2] |= 0xFC;
-    raw[3] = 0xA5;
-    memcpy(&d, raw, sizeof d);
-    EXPECT_EQ(d.is_no_rcnn_bg_bbox, 0);
-    EXPECT_EQ(d.is_use_qsort, 0);
-    EXPECT_EQ(dump(d), clean);
-  }
-}
-
-TEST(frcnn_desc, raw_layout) {
-  EXPECT_EQ(sizeof(frcnn_desc), 116u);
-  uint8_t raw[116];
-  memset(raw, 0, sizeof raw);
-  const uint32_t u_at[][2] = {{4, 9}, {20, 600}, {48, 65}, {52, 66}, {56, 17}, {76, 22}, {96, 1}};
-  for (auto& p : u_at) memcpy(raw + p[0], &p[1], 4);
-  const float f80 = 0.7f, f92 = -0.125f, f112 = 6.125f;
-  memcpy(raw + 80, &f80, 4);
-  memcpy(raw + 92, &f92, 4);
-  memcpy(raw + 112, &f112, 4);
-  raw[0] = 3;
-  frcnn_desc d;
-  memcpy(&d, raw, sizeof d);
-  EXPECT_EQ(d.thread_num, 3);
-  EXPECT_EQ(d.anchor_num, 9u);
-  EXPECT_EQ(d.img_h, 600u);
-  EXPECT_EQ(d.rpn_bbox_pitch, 65u);
-  EXPECT_EQ(d.rpn_cls_pitch, 66u);
-  EXPECT_EQ(d.min_size, 17u);
-  EXPECT_EQ(d.rcnn_cls_pitch, 22u);
-  EXPECT_EQ(d.bbox_type, 1u);
-  EXPECT_EQ(d.pre_nms_iou, 0.7f);
-  EXPECT_EQ(d.rpn_cls_threshold, -0.125f);
-  EXPECT_EQ(d.bbox_scale_factor.height, 6.125f);
-  EXPECT_EQ(d.bbox_scale_factor.center_x, 0.0f);
+  raw_desc reserved;
+  reserved.b[2] = 0xFC;
+  reserved.b[3] = 0xA5;
+  EXPECT_EQ(reserved.dump(), expected_dump(none, false));
+  reserved.b[1] = 0xFF;
+  reserved.b[2] = 0xFF;
+  EXPECT_EQ(reserved.dump(), expected_dump(all, true));
 }
 
 }  // namespace
