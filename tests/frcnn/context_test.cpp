@@ -1,9 +1,11 @@
 // Lifecycle of the pipeline context: init and exit in both forms, their
-// messages, allocation failures at every step, and repeated cycles.
+// messages and the descriptor dump, allocation failures at every step, and
+// repeated cycles. The descriptor's field offsets are fixed by static_asserts
+// in the public header.
 // ctest-labels: threaded
-#include <dirent.h>
+#include <stdint.h>
 #include <stdlib.h>
-#include <unistd.h>
+#include <string.h>
 
 #include <string>
 
@@ -14,16 +16,8 @@
 
 namespace {
 
-using ol_test::stdout_capture;
-
-using ol_test::live_threads;
-
 using ol_test::settled_threads;
-
-frcnn_desc small_desc(uint8_t threads, bool qsort) {
-  frcnn_desc d = ol_test::mobile_desc(threads, qsort);
-  return d;
-}
+using ol_test::stdout_capture;
 
 TEST(version, reports_the_library) {
   opt_layers_version v;
@@ -41,7 +35,7 @@ TEST(version, reports_the_library) {
 
 TEST(global_context, init_twice_exit_without_init_and_reinit) {
   std::vector<float> anchors = ol_test::base_anchors_9();
-  frcnn_desc d = small_desc(2, false);
+  frcnn_desc d = ol_test::mobile_desc(2, false);
   {
     stdout_capture cap;
     opt_layers_frcnn_exit();
@@ -55,69 +49,133 @@ TEST(global_context, init_twice_exit_without_init_and_reinit) {
     EXPECT_EQ(cap.end(), "opt_layers_frcnn_init call already, do not init agarin\n");
   }
   EXPECT_EQ(ol::global_context(), first);
-  // The first context keeps working.
+  // The first context keeps working; a new init takes the new configuration.
   ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 1);
   half_float::half* props = nullptr;
-  EXPECT_GT(opt_layers_frcnn_prenms(ol_test::hp(f.cls), ol_test::hp(f.bbox), &props), 0);
+  EXPECT_GT(opt_layers_frcnn_prenms(ol_test::hp(f.cls), ol_test::hp(f.bbox), &props), 7);
   opt_layers_frcnn_exit();
   EXPECT_EQ(ol::global_context(), nullptr);
-
-  // A new init takes the new configuration.
-  frcnn_desc d2 = small_desc(1, true);
-  d2.pre_nms_num = 7;
-  ASSERT_EQ(opt_layers_frcnn_init(&d2, anchors.data()), 0);
-  EXPECT_EQ(ol::global_context()->desc.pre_nms_num, 7u);
+  d = ol_test::mobile_desc(1, true);
+  d.pre_nms_num = 7;
+  ASSERT_EQ(opt_layers_frcnn_init(&d, anchors.data()), 0);
   EXPECT_EQ(opt_layers_frcnn_prenms(ol_test::hp(f.cls), ol_test::hp(f.bbox), &props), 7);
   opt_layers_frcnn_exit();
 }
 
+const char k_desc_text[] =
+    "[FRCNN_DESC] ThreadN: %u, AnchorN: %u, PreNMS: %u, PostNMS: %u, ClassN: %u, MinSize: %u \n"
+    "Img(H, W): %ux%u, FMap_Scale: %u, FMap(D, H, W): %ux%ux%u, pitch: %u, Pool(H, W): %ux%u, "
+    "pitch: %u \nRPN_CLS_P: %u, RPN_BBox_P: %u, RCNN_CLS_P: %u, RCNN_BBox_P: %u \n"
+    "Threshold: PreIOU: %f, PostIOU: %f, CLS_Prob: %f, RPN_ClS_threshold: %f \nBBox type: %u\n";
+const char k_flag_text[] =
+    "[FRCNN_FLAG] fmap_sign: %u, rcnn_bbox_share_location: %u \nis_anchor_bbox_suppress: %u, "
+    "is_rpn_cls_fg_minus_bg: %u, is_rpn_cls_fg_only: %u \nis_filter_rpn_cls: %u, "
+    "is_apply_bbox_scale_factor: %u, is_no_rcnn_bg_bbox: %u \nis_use_qsort: %u\n";
+const char k_scale_text[] =
+    "[BBox Scale Factor] center_x: %f, center_y: %f, width: %f, hegith: %f\n";
+
+// The record as raw bytes: 3 threads, no flags, every 32-bit field a
+// different value so that a swapped argument shows.
+struct raw_desc {
+  uint8_t b[sizeof(frcnn_desc)] = {3};
+  raw_desc() {
+    for (size_t at = 4; at < sizeof b; at += 4) {
+      const uint32_t u = 1000 + static_cast<uint32_t>(at);
+      memcpy(b + at, &u, 4);
+    }
+    const float floats[2][4] = {{0.7f, 0.3f, 0.05f, -0.125f}, {10.5f, 11.25f, 5.75f, 6.125f}};
+    memcpy(b + offsetof(frcnn_desc, pre_nms_iou), floats[0], 16);
+    memcpy(b + offsetof(frcnn_desc, bbox_scale_factor), floats[1], 16);
+  }
+  std::string dump() const {
+    frcnn_desc d;
+    memcpy(&d, b, sizeof d);
+    ol_test::stdout_capture cap;
+    ol::frcnn_desc_dump(&d);
+    return cap.end();
+  }
+};
+
+// The value raw_desc gives a 32-bit field.
+#define U(field) (1000u + static_cast<unsigned>(offsetof(frcnn_desc, field)))
+
+// The expected dump, in the text order; flags[i] is the i-th flag shown.
+std::string expected_dump(const unsigned flags[9], bool scale) {
+  std::string s = ol_test::format(
+      k_desc_text, 3u, U(anchor_num), U(pre_nms_num), U(post_nms_num), U(class_num), U(min_size),
+      U(img_h), U(img_w), U(fmap_scale), U(fmap_d), U(fmap_h), U(fmap_w), U(fmap_pitch), U(pool_h),
+      U(pool_w), U(pool_pitch), U(rpn_cls_pitch), U(rpn_bbox_pitch), U(rcnn_cls_pitch),
+      U(rcnn_bbox_pitch), static_cast<double>(0.7f), static_cast<double>(0.3f),
+      static_cast<double>(0.05f), -0.125, U(bbox_type));
+  s += ol_test::format(k_flag_text, flags[0], flags[1], flags[2], flags[3], flags[4], flags[5],
+                       flags[6], flags[7], flags[8]);
+  if (scale) s += ol_test::format(k_scale_text, 10.5, 11.25, 5.75, 6.125);
+  return s;
+}
+
+// Each flag bit alone (byte, bit, position in the flag text or -1 for
+// is_debug, which is not shown), then all of them with the reserved bits
+// and byte set: every flag prints as 1, not as its bit value, and the
+// reserved bits change nothing.
+TEST(frcnn_desc, flag_bits_and_dump) {
+  const int k_flags[10][3] = {{1, 0, -1}, {1, 1, 0}, {1, 2, 1}, {1, 3, 2}, {1, 4, 3},
+                              {1, 5, 4},  {1, 6, 5}, {1, 7, 6}, {2, 0, 7}, {2, 1, 8}};
+  const unsigned none[9] = {}, all[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
+  raw_desc plain;
+  EXPECT_EQ(plain.dump(), expected_dump(none, false));
+  for (const auto& fl : k_flags) {
+    SCOPED_TRACE(testing::Message() << "byte " << fl[0] << " bit " << fl[1]);
+    raw_desc r;
+    r.b[fl[0]] = static_cast<uint8_t>(1u << fl[1]);
+    unsigned flags[9] = {};
+    if (fl[2] >= 0) flags[fl[2]] = 1;
+    EXPECT_EQ(r.dump(), expected_dump(flags, fl[2] == 6));
+  }
+  raw_desc reserved;
+  reserved.b[2] = 0xFC;
+  reserved.b[3] = 0xA5;
+  EXPECT_EQ(reserved.dump(), expected_dump(none, false));
+  reserved.b[1] = 0xFF;
+  reserved.b[2] = 0xFF;
+  EXPECT_EQ(reserved.dump(), expected_dump(all, true));
+}
+
+
+// Refused configurations print their reasons in both forms (the global one
+// adds its own line). 32 threads are accepted; a quiet init and exit print
+// nothing, and is_debug dumps the descriptor first.
 TEST(global_context, refused_configurations_print_their_reasons) {
   std::vector<float> anchors = ol_test::base_anchors_9();
   const int before = ol_test::quiet_threads();
-  {
+  frcnn_desc d = ol_test::mobile_desc(1, false);
+  const struct {
+    int threads;  // -1: no descriptor
+    const char* message;
+  } refused[] = {{-1, "Invalid frcnn desc pointer NULL\n"},
+                 {0, "thread number 0 less than 1\ncreate thread pool err\n"},
+                 {33, "thread number 33 exceed max 32\ncreate thread pool err\n"}};
+  for (const auto& c : refused) {
+    d.thread_num = static_cast<uint8_t>(c.threads);
+    frcnn_desc* p = c.threads < 0 ? nullptr : &d;
     stdout_capture cap;
-    EXPECT_EQ(opt_layers_frcnn_init(nullptr, anchors.data()), -1);
-    EXPECT_EQ(cap.end(), "Invalid frcnn desc pointer NULL\nfrcnn_init err\n");
-  }
-  frcnn_desc d = small_desc(0, false);
-  {
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_frcnn_init(&d, anchors.data()), -1);
-    EXPECT_EQ(cap.end(), "thread number 0 less than 1\ncreate thread pool err\nfrcnn_init err\n");
-  }
-  d.thread_num = 33;
-  {
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_instance_frcnn_init(&d, anchors.data()), nullptr);
-    EXPECT_EQ(cap.end(), "thread number 33 exceed max 32\ncreate thread pool err\n");
+    EXPECT_EQ(opt_layers_instance_frcnn_init(p, anchors.data()), nullptr);
+    EXPECT_EQ(opt_layers_frcnn_init(p, anchors.data()), -1);
+    EXPECT_EQ(cap.end(), std::string(c.message) + c.message + "frcnn_init err\n");
   }
   EXPECT_EQ(ol::global_context(), nullptr);
   EXPECT_EQ(settled_threads(before), before);
-  d.thread_num = 32;
-  void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
-  ASSERT_NE(h, nullptr);
-  EXPECT_EQ(live_threads(), before + 32);
-  opt_layers_instance_frcnn_exit(h);
-  EXPECT_EQ(settled_threads(before), before);
-}
-
-TEST(global_context, debug_flag_dumps_and_quiet_init_prints_nothing) {
-  std::vector<float> anchors = ol_test::base_anchors_9();
-  frcnn_desc d = small_desc(1, true);
-  {
+  const std::string dump_start = "[FRCNN_DESC] ThreadN: 1, AnchorN: 9";
+  for (uint8_t threads : {32, 1}) {
+    d.thread_num = threads;
+    d.is_debug = threads == 1;
     stdout_capture cap;
     void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
     ASSERT_NE(h, nullptr);
+    EXPECT_EQ(ol_test::live_threads(), before + threads);
     opt_layers_instance_frcnn_exit(h);
-    EXPECT_EQ(cap.end(), "");
-  }
-  d.is_debug = 1;
-  {
-    stdout_capture cap;
-    void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
-    ASSERT_NE(h, nullptr);
-    opt_layers_instance_frcnn_exit(h);
-    EXPECT_EQ(cap.end().rfind("[FRCNN_DESC] ThreadN: 1, AnchorN: 9", 0), 0u);
+    const std::string out = cap.end();
+    EXPECT_EQ(d.is_debug ? out.substr(0, dump_start.size()) : out, d.is_debug ? dump_start : "");
+    EXPECT_EQ(settled_threads(before), before);
   }
 }
 
@@ -130,48 +188,40 @@ TEST(instance_context, exit_of_an_uninitialised_context_frees_nothing) {
   EXPECT_EQ(cap.end(), "opt_layers library is not inited\nfrcnn handle is NULL for exit\n");
 }
 
-TEST(instance_context, qsort_configuration_has_no_histogram_tables) {
+// The histogram tables exist only on the histogram path, with N * 20 / 2048
+// row nodes kept in advance for N positions (none for N = 100).
+TEST(instance_context, histogram_tables_and_row_nodes_kept_in_advance) {
   std::vector<float> anchors = ol_test::base_anchors_9();
-  frcnn_desc d = small_desc(1, true);
-  auto* q = static_cast<ol::frcnn_context*>(opt_layers_instance_frcnn_init(&d, anchors.data()));
-  ASSERT_NE(q, nullptr);
-  EXPECT_EQ(q->hist.map, nullptr);
-  EXPECT_EQ(q->hist.list, nullptr);
-  EXPECT_EQ(q->hist.free_nodes, nullptr);
-  opt_layers_instance_frcnn_exit(q);
-
-  // N = 100: N * 20 < 2048, so no row node is kept in advance.
-  d = small_desc(1, false);
-  d.anchor_num = 1;
-  d.fmap_h = 10;
-  d.fmap_w = 10;
-  auto* h = static_cast<ol::frcnn_context*>(opt_layers_instance_frcnn_init(&d, anchors.data()));
-  ASSERT_NE(h, nullptr);
-  EXPECT_NE(h->hist.map, nullptr);
-  EXPECT_EQ(h->hist.free_nodes, nullptr);
-  opt_layers_instance_frcnn_exit(h);
+  const struct {
+    bool qsort;
+    uint32_t anchor_num, fmap_h, fmap_w;
+    size_t nodes;
+  } cases[] = {{true, 9, 19, 32, 0}, {false, 1, 10, 10, 0}, {false, 9, 19, 32, 9 * 19 * 32 * 20 / 2048}};
+  for (const auto& c : cases) {
+    frcnn_desc d = ol_test::mobile_desc(1, c.qsort);
+    d.anchor_num = c.anchor_num;
+    d.fmap_h = c.fmap_h;
+    d.fmap_w = c.fmap_w;
+    auto* h = static_cast<ol::frcnn_context*>(opt_layers_instance_frcnn_init(&d, anchors.data()));
+    ASSERT_NE(h, nullptr);
+    EXPECT_EQ(h->hist.map == nullptr, c.qsort);
+    EXPECT_EQ(h->hist.list == nullptr, c.qsort);
+    size_t nodes = 0;
+    for (ol::hist_row_node* n = h->hist.free_nodes; n; n = n->next) ++nodes;
+    EXPECT_EQ(nodes, c.nodes) << c.anchor_num * c.fmap_h * c.fmap_w;
+    opt_layers_instance_frcnn_exit(h);
+  }
 }
 
-TEST(instance_context, row_nodes_kept_in_advance) {
-  std::vector<float> anchors = ol_test::base_anchors_9();
-  frcnn_desc d = small_desc(1, false);
-  auto* h = static_cast<ol::frcnn_context*>(opt_layers_instance_frcnn_init(&d, anchors.data()));
-  ASSERT_NE(h, nullptr);
-  size_t nodes = 0;
-  for (ol::hist_row_node* n = h->hist.free_nodes; n; n = n->next) ++nodes;
-  EXPECT_EQ(nodes, 9u * 19 * 32 * 20 / 2048);
-  opt_layers_instance_frcnn_exit(h);
-}
-
-// Fails the k-th allocation made through the library's allocator.
+// Fails allocation number `countdown` (counted from 0) made through the
+// library's allocator; -1: none. Counts them all.
 struct failing_alloc {
-  long countdown = -1;  // allocations left before the failing one; -1: never
+  long countdown = -1;
   long seen = 0;
   static bool hook(size_t, void* user) {
     auto* self = static_cast<failing_alloc*>(user);
     ++self->seen;
-    if (self->countdown < 0) return true;
-    return self->countdown-- != 0;
+    return self->countdown < 0 || self->countdown-- != 0;
   }
 };
 
@@ -180,37 +230,31 @@ struct failing_alloc {
 // node of the anchor bands or a row node kept in advance) tolerates it.
 TEST(instance_context, every_allocation_failure_is_clean) {
   std::vector<float> anchors = ol_test::base_anchors_9();
+  const char* step_messages[] = {
+      "malloc frcnn err\n",           "fatal: no memory\n",
+      "create thread pool err\n",     "malloc for anchors err\n",
+      "malloc for rpn cls nopitch err\n", "malloc for detections err\n",
+      "malloc for order_buf err\n",   "malloc for order_rpn_index \n",
+      "malloc for histgram map err\n", "malloc for histgram list err\n",
+      "malloc for histgram num err\n", "malloc for histgram sort err\n",
+      "fatal: add task fail\n",       "fatal: no memory for simple node\n"};
   for (bool qsort : {true, false}) {
-    frcnn_desc d = small_desc(3, qsort);
-    failing_alloc fa;
-    ol::alloc_hooks hooks{failing_alloc::hook, &fa};
-    ol::set_alloc_hooks(&hooks);
-    void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
-    ol::set_alloc_hooks(nullptr);
-    ASSERT_NE(h, nullptr);
-    opt_layers_instance_frcnn_exit(h);
-    const long total = fa.seen;
-    ASSERT_GT(total, 8);
-
-    const char* step_messages[] = {
-        "malloc frcnn err\n",          "fatal: no memory\n",
-        "create thread pool err\n",    "malloc for anchors err\n",
-        "malloc for rpn cls nopitch err\n", "malloc for detections err\n",
-        "malloc for order_buf err\n",  "malloc for order_rpn_index \n",
-        "malloc for histgram map err\n", "malloc for histgram list err\n",
-        "malloc for histgram num err\n", "malloc for histgram sort err\n",
-        "fatal: add task fail\n",      "fatal: no memory for simple node\n"};
+    frcnn_desc d = ol_test::mobile_desc(3, qsort);
     const int threads_before = ol_test::quiet_threads();
-    int failures = 0;
-    for (long k = 0; k < total; ++k) {
-      failing_alloc f2;
-      f2.countdown = k;
-      ol::alloc_hooks h2{failing_alloc::hook, &f2};
+    long total = 1, failures = 0;  // allocations of a successful init, counted at k = -1
+    for (long k = -1; k < total; ++k) {
+      failing_alloc fa;
+      fa.countdown = k;
+      ol::alloc_hooks hooks{failing_alloc::hook, &fa};
       stdout_capture cap;
-      ol::set_alloc_hooks(&h2);
+      ol::set_alloc_hooks(&hooks);
       void* ctx = opt_layers_instance_frcnn_init(&d, anchors.data());
       ol::set_alloc_hooks(nullptr);
       const std::string out = cap.end();
+      if (k < 0) {
+        ASSERT_NE(ctx, nullptr);
+        total = fa.seen;
+      }
       if (ctx == nullptr) {
         ++failures;
         bool known = false;
@@ -221,27 +265,26 @@ TEST(instance_context, every_allocation_failure_is_clean) {
       }
       EXPECT_EQ(settled_threads(threads_before), threads_before) << "allocation " << k;
     }
+    EXPECT_GT(total, 8);
     EXPECT_GT(failures, 8);
   }
 }
 
+// 500 cycles per sort path (25 under ThreadSanitizer; OL_CYCLES sets it
+// for slow runners such as valgrind), each an instance and a global one.
 TEST(instance_context, repeated_cycles_leave_nothing_behind) {
   std::vector<float> anchors = ol_test::base_anchors_9();
   const int threads_before = ol_test::quiet_threads();
-  for (bool qsort : {true, false}) {
-    frcnn_desc d = small_desc(2, qsort);
-    d.anchor_num = 3;
-    d.fmap_h = 8;
-    d.fmap_w = 8;
-    // 1000 cycles per sort path, half global and half instance. OL_CYCLES
-    // lowers it for slow runners (valgrind).
-    const char* env = getenv("OL_CYCLES");
+  const char* env = getenv("OL_CYCLES");
 #ifdef __SANITIZE_THREAD__
-    const int default_cycles = 25;  // the race checks need few cycles, and each is slow here
+  const int cycles = env ? atoi(env) : 25;
 #else
-    const int default_cycles = 500;
+  const int cycles = env ? atoi(env) : 500;
 #endif
-    const int cycles = env ? atoi(env) : default_cycles;
+  for (bool qsort : {true, false}) {
+    frcnn_desc d = ol_test::mobile_desc(2, qsort);
+    d.anchor_num = 3;
+    d.fmap_h = d.fmap_w = 8;
     for (int i = 0; i < cycles; ++i) {
       void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
       ASSERT_NE(h, nullptr);
@@ -251,28 +294,6 @@ TEST(instance_context, repeated_cycles_leave_nothing_behind) {
     }
   }
   EXPECT_EQ(settled_threads(threads_before), threads_before);
-}
-
-TEST(instance_context, hostile_sizes_fail_cleanly) {
-  std::vector<float> anchors(4 * 255, 0.0f);
-  frcnn_desc d = small_desc(1, true);
-  // 65536 * 65536 * 255 positions: the 32-bit products would wrap.
-  d.anchor_num = 255;
-  d.fmap_h = 65536;
-  d.fmap_w = 65536;
-  {
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_instance_frcnn_init(&d, anchors.data()), nullptr);
-    EXPECT_EQ(cap.end(), "malloc for anchors err\n");
-  }
-  d = small_desc(1, true);
-  d.post_nms_num = 0x10000;
-  d.class_num = 0x10000;
-  {
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_instance_frcnn_init(&d, anchors.data()), nullptr);
-    EXPECT_EQ(cap.end(), "malloc for anchors err\n");
-  }
 }
 
 }  // namespace

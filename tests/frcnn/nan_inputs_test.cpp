@@ -15,25 +15,20 @@ using ol_test::frame_arrays;
 using ol_test::h;
 using ol_test::run_frame;
 
-constexpr uint16_t kNaN = 0x7E00, kNegNaN = 0xFE01, kInf = 0x7C00, kNegInf = 0xFC00;
-const uint16_t kSpecials[] = {kNaN, kNegNaN, kInf, kNegInf, 0x8000, 0x7BFF, 0x0001};
+constexpr uint16_t kNaN = 0x7E00, kInf = 0x7C00, kNegInf = 0xFC00;
+const uint16_t kSpecials[] = {kNaN, 0xFE01, kInf, kNegInf, 0x8000, 0x7BFF, 0x0001};
 
+// The small frame (a 500 x 300 image, 4 classes) with foreground scores only.
 frcnn_desc nan_desc(bool qsort) {
-  frcnn_desc d = ol_test::mobile_desc(2, qsort);
-  d.anchor_num = 3;
-  d.fmap_h = 8;
-  d.fmap_w = 10;
-  d.fmap_pitch = d.rpn_cls_pitch = 11;
-  d.min_size = 0;
-  d.pre_nms_num = 100;
-  d.post_nms_num = 30;
-  d.class_num = 4;
-  d.rcnn_cls_pitch = 4;
-  d.rcnn_bbox_pitch = 16;
-  d.fmap_d = 16;
-  d.pool_h = d.pool_w = 2;
+  frcnn_desc d = ol_test::robust_desc(2, qsort);
   d.is_rpn_cls_fg_only = 1;
   return d;
+}
+
+// Every coordinate of the boxes (4 floats each) is in [0, L - 1].
+void expect_inside_the_image(const float* boxes, size_t count) {
+  for (size_t i = 0; i < 4 * count; ++i)
+    ASSERT_TRUE(boxes[i] >= 0.0f && boxes[i] <= (i % 2 ? 299.0f : 499.0f)) << i << " " << boxes[i];
 }
 
 // Every input array of a frame sprinkled with NaN and infinities: every
@@ -51,32 +46,22 @@ TEST(nan_inputs, sprinkled_everywhere_in_a_frame) {
       frame_arrays a(d);
       a.fill(density);
       ol_test::rng g(density);
-      auto sprinkle = [&](ol_test::exact_array<uint16_t>& v) {
-        for (size_t i = 0; i < v.n; ++i)
-          if (g.next() % density == 0) v[i] = kSpecials[g.next() % 7];
-      };
-      sprinkle(a.cls);
-      sprinkle(a.bbox);
-      sprinkle(a.rcnn_cls);
-      sprinkle(a.rcnn_bbox);
+      for (auto* v : {&a.cls, &a.bbox, &a.rcnn_cls, &a.rcnn_bbox})
+        for (size_t i = 0; i < v->n; ++i)
+          if (g.next() % density == 0) (*v)[i] = kSpecials[g.next() % 7];
       const ol_test::frame_result r = run_frame(hd, a);
       EXPECT_GE(r.k, 0);
       EXPECT_GE(r.r, 0);
       EXPECT_LE(r.r, 30);
       EXPECT_EQ(r.r2, r.r);
       EXPECT_EQ(r.post, 0);
-      for (size_t i = 0; i < r.proposals.size(); i += 5) {
-        for (int j = 0; j < 4; ++j) {
-          const float v = ol_test::f(r.proposals[i + j]);
-          ASSERT_TRUE(v >= 0.0f && v <= (j % 2 ? 299.0f : 499.0f)) << i / 5 << " " << v;
-        }
-      }
+      std::vector<float> props;
+      for (size_t i = 0; i < r.proposals.size(); ++i)
+        if (i % 5 != 4) props.push_back(ol_test::f(r.proposals[i]));
+      expect_inside_the_image(props.data(), props.size() / 4);
       // The head boxes decoded into the context, NaN deltas included.
       const auto* ctx = static_cast<const ol::frcnn_context*>(hd);
-      for (size_t i = 0; i < 4 * size_t(r.r2) * d.class_num; ++i) {
-        const float v = ctx->rcnn_boxes[i];
-        ASSERT_TRUE(v >= 0.0f && v <= (i % 2 ? 299.0f : 499.0f)) << i << " " << v;
-      }
+      expect_inside_the_image(ctx->rcnn_boxes, size_t(r.r2) * d.class_num);
       for (uint32_t c = 1; c < d.class_num; ++c) EXPECT_LE(ol_test::f(r.rcnn_result[c]), 30.0f);
       opt_layers_instance_frcnn_exit(hd);
     }
@@ -94,22 +79,18 @@ TEST(nan_inputs, rpn_deltas_clamp_to_the_image) {
     ASSERT_NE(hd, nullptr);
     frame_arrays a(d);
     a.fill(1);
-    for (size_t i = 0; i < a.cls.n; ++i) a.cls[i] = h(0.25f);
+    std::fill(a.cls.data(), a.cls.data() + a.cls.n, h(0.25f));
     const size_t a1 = 1, y = 4, x = 5;
     a.cls[(a1 * d.fmap_h + y) * d.rpn_cls_pitch + x] = h(0.9f);
-    for (size_t k = 0; k < 4; ++k) {
-      const bool size_delta = k >= 2;
+    for (size_t k = 0; k < 4; ++k)
       a.bbox[((4 * a1 + k) * d.fmap_h + y) * d.fmap_pitch + x] =
-          special == kNaN ? kNaN : (size_delta ? kInf : h(0.0f));
-    }
+          special == kNaN ? kNaN : (k >= 2 ? kInf : h(0.0f));
     const ol_test::frame_result r = run_frame(hd, a, ol_test::step_prenms);
     ASSERT_GT(r.k, 0);
-    const float lo_x = special == kNaN ? 499.0f : 0.0f, lo_y = special == kNaN ? 299.0f : 0.0f;
-    EXPECT_EQ(r.proposals[0], h(lo_x));
-    EXPECT_EQ(r.proposals[1], h(lo_y));
-    EXPECT_EQ(r.proposals[2], h(499.0f));
-    EXPECT_EQ(r.proposals[3], h(299.0f));
-    EXPECT_EQ(r.proposals[4], h(0.9f));
+    const bool nan = special == kNaN;
+    const std::vector<uint16_t> want = {h(nan ? 499.0f : 0.0f), h(nan ? 299.0f : 0.0f), h(499.0f),
+                                        h(299.0f), h(0.9f)};
+    EXPECT_EQ(std::vector<uint16_t>(r.proposals.begin(), r.proposals.begin() + 5), want);
     opt_layers_instance_frcnn_exit(hd);
   }
 }
@@ -128,27 +109,20 @@ TEST(nan_inputs, head_deltas_rois_and_probabilities) {
   ASSERT_NE(hd, nullptr);
   frame_arrays a(d, 3);
   a.fill(2);
-  for (size_t k = 0; k < 16; ++k) a.rcnn_bbox[0 * d.rcnn_bbox_pitch + k] = kNaN;  // ROI 0
-  for (size_t k = 0; k < 4; ++k) a.nms_out[4 * 1 + k] = kNaN;                    // ROI 1
-  for (size_t c = 0; c < d.class_num; ++c) a.rcnn_cls[2 * d.rcnn_cls_pitch + c] = kNaN;  // ROI 2
+  std::fill(a.rcnn_bbox.data(), a.rcnn_bbox.data() + 16, kNaN);  // ROI 0
+  std::fill(a.nms_out.data() + 4, a.nms_out.data() + 8, kNaN);   // ROI 1
   for (size_t c = 0; c < d.class_num; ++c) {
     a.rcnn_cls[0 * d.rcnn_cls_pitch + c] = h(0.5f);
     a.rcnn_cls[1 * d.rcnn_cls_pitch + c] = h(0.25f);
+    a.rcnn_cls[2 * d.rcnn_cls_pitch + c] = kNaN;
   }
-  const int post = opt_layers_instance_frcnn_post_nms(hd, a.rcnn_cls.half(), a.rcnn_bbox.half(),
-                                                      a.nms_out.half(), a.rcnn_result.half(), 3);
-  ASSERT_EQ(post, 0);
-  const auto* ctx = static_cast<const ol::frcnn_context*>(hd);
-  for (uint32_t roi = 0; roi < 2; ++roi)
-    for (uint32_t c = 0; c < d.class_num; ++c) {
-      const float* b = ctx->rcnn_boxes + 4 * (roi * d.class_num + c);
-      EXPECT_EQ(b[0], 499.0f);
-      EXPECT_EQ(b[1], 299.0f);
-      EXPECT_EQ(b[2], 499.0f);
-      EXPECT_EQ(b[3], 299.0f);
-    }
+  ASSERT_EQ((ol_test::frame_calls{hd, a}.post_nms(3)), 0);
+  const float* boxes = static_cast<const ol::frcnn_context*>(hd)->rcnn_boxes;
+  for (uint32_t i = 0; i < 4 * 2 * d.class_num; ++i)  // ROIs 0 and 1
+    EXPECT_EQ(boxes[i], i % 2 ? 299.0f : 499.0f) << i;
   for (uint32_t c = 1; c < d.class_num; ++c) {
-    EXPECT_EQ(a.rcnn_result[c], h(3.0f)) << c;
+    SCOPED_TRACE(c);
+    EXPECT_EQ(a.rcnn_result[c], h(3.0f));
     const uint16_t* det = &a.rcnn_result[d.class_num + 5 * (d.post_nms_num * c)];
     EXPECT_EQ(det[4], h(0.5f));
     EXPECT_EQ(det[0], h(499.0f));
@@ -163,11 +137,10 @@ TEST(nan_inputs, head_deltas_rois_and_probabilities) {
 // documented zeros; nms with NaN corners matches the plain twin.
 TEST(nan_inputs, operators) {
   ol_test::rng g(4);
-  // nms
   std::vector<uint16_t> boxes(5 * 200), out(4 * 200), expect(4 * 200);
   for (size_t i = 0; i < boxes.size(); ++i)
     boxes[i] = g.next() % 5 == 0 ? kSpecials[g.next() % 7] : h(g.uniform(0, 100));
-  const int kept = nms(ol_test::as_half(out.data()), ol_test::as_half(boxes.data()), 200, 0.5f, 200);
+  const int kept = nms(ol_test::as_half(out), ol_test::as_half(boxes), 200, 0.5f, 200);
   EXPECT_EQ(kept, ol_ref::nms_ref(expect.data(), boxes.data(), 200, 0.5f, 200));
   EXPECT_EQ(memcmp(out.data(), expect.data(), 8 * kept), 0);
 
@@ -176,33 +149,32 @@ TEST(nan_inputs, operators) {
   for (size_t i = 0; i < map.n; ++i) map[i] = static_cast<uint16_t>(g.next());
   uint16_t hb[16] = {kNaN, kNaN, kNaN, kNaN, kNegInf, kNegInf, kInf, kInf,
                      kInf, kInf, kNegInf, kNegInf, 0, kNaN, h(50), kInf};
-  EXPECT_EQ(roi_pooling(ol_test::as_half(hb), map.data(), pooled.data(), 4, 3, 3, 0, 8, 0, 5, 6, 32), 0);
-  EXPECT_EQ(roi_pooling_sign(ol_test::as_half(hb), map.data(), pooled.data(), 4, 3, 3, 0, 8, 0, 5, 6, 32), 0);
+  for (auto fn : {roi_pooling, roi_pooling_sign})
+    EXPECT_EQ(fn(ol_test::as_half(hb), map.data(), pooled.data(), 4, 3, 3, 0, 8, 0, 5, 6, 32), 0);
 
   // roi_align and crop_and_resize: a NaN box gives zeros.
   ol_test::exact_array<short> smap(7 * 9 * 16), sout(2 * 3 * 4 * 16);
   for (size_t i = 0; i < smap.n; ++i) smap[i] = static_cast<short>(g.next() | 1);
   const float nan = NAN, inf = INFINITY;
   float fb[8] = {nan, nan, nan, nan, -inf, -inf, inf, inf};
-  std::fill(sout.data(), sout.data() + sout.n, short(0x5A5A));
-  EXPECT_EQ(roi_align_fmap_int16(smap.data(), 8, fb, 2, 9, 7, 4, 3, 16, sout.data()), 0);
-  for (size_t i = 0; i < 3 * 4 * 16; ++i) ASSERT_EQ(sout[i], 0) << i;
   short* maps[3] = {smap.data(), smap.data(), smap.data()};
   unsigned scales[3] = {8, 16, 32};
-  EXPECT_EQ(roi_align_four_fmap_int16(maps, scales, fb, 2, 72, 56, 4, 3, 16, sout.data()), 0);
-  for (size_t i = 0; i < 3 * 4 * 16; ++i) ASSERT_EQ(sout[i], 0) << i;
-  {
-    ol_test::stdout_capture cap;  // outside samples print one line each
-    EXPECT_EQ(crop_and_resize_fmap_int16(smap.data(), 1.0f, 1.0f, 7.0f, fb, 2, 9, 7, 4, 3, 16,
-                                         sout.data()), 0);
+  for (int op = 0; op < 3; ++op) {
+    SCOPED_TRACE(op);
+    std::fill(sout.data(), sout.data() + sout.n, short(0x5A5A));
+    ol_test::stdout_capture cap;  // crop_and_resize prints one line per outside sample
+    EXPECT_EQ(op == 0   ? roi_align_fmap_int16(smap.data(), 8, fb, 2, 9, 7, 4, 3, 16, sout.data())
+              : op == 1 ? roi_align_four_fmap_int16(maps, scales, fb, 2, 72, 56, 4, 3, 16, sout.data())
+                        : crop_and_resize_fmap_int16(smap.data(), 1.0f, 1.0f, 7.0f, fb, 2, 9, 7, 4,
+                                                     3, 16, sout.data()),
+              0);
     cap.end();
+    for (size_t i = 0; i < 3 * 4 * 16; ++i) ASSERT_EQ(sout[i], 0) << i;
   }
-  for (size_t i = 0; i < 3 * 4 * 16; ++i) ASSERT_EQ(sout[i], 0) << i;
   {
     ol_test::stdout_capture cap;
     EXPECT_EQ(crop_and_resize_fmap_int16(smap.data(), nan, inf, nan, fb + 4, 1, 9, 7, 4, 3, 16,
                                          sout.data()), 0);
-    cap.end();
   }
 
   // ps_roi_pooling: NaN boxes and NaN map values; zeros for NaN boxes.

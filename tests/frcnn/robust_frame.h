@@ -17,13 +17,31 @@
 
 namespace ol_test {
 
+// A small frame: 3 anchors on an 8 x 10 map (rows at pitch 11) of a
+// 500 x 300 image, 100 proposals before NMS and 30 after, no size limit,
+// 4 classes, 16 channels pooled 2 x 2.
+inline frcnn_desc robust_desc(uint8_t threads, bool qsort) {
+  frcnn_desc d = mobile_desc(threads, qsort);
+  d.anchor_num = 3;
+  d.fmap_h = 8;
+  d.fmap_w = 10;
+  d.fmap_pitch = d.rpn_cls_pitch = 11;
+  d.min_size = 0;
+  d.pre_nms_num = 100;
+  d.post_nms_num = 30;
+  d.class_num = d.rcnn_cls_pitch = 4;
+  d.rcnn_bbox_pitch = 16;
+  d.fmap_d = 16;
+  d.pool_h = d.pool_w = 2;
+  return d;
+}
+
 // n elements on the heap, never a NULL pointer (also for n = 0).
 template <class T>
 struct exact_array {
   std::unique_ptr<T[]> p;
   size_t n = 0;
-  exact_array() : p(new T[0]) {}
-  explicit exact_array(size_t count) : p(new T[count]), n(count) {}
+  explicit exact_array(size_t count = 0) : p(new T[count]), n(count) {}
   T* data() { return p.get(); }
   T& operator[](size_t i) { return p[i]; }
   half_float::half* half() { return reinterpret_cast<half_float::half*>(p.get()); }
@@ -31,30 +49,27 @@ struct exact_array {
   std::vector<T> vec() const { return vec(n); }
 };
 
-// Extent of planes*rows rows of `width` elements at row pitch `pitch` (the
-// pitch may be below the width: rows then overlap).
+// Extent of `rows` rows of `width` elements at row pitch `pitch` (the pitch
+// may be below the width: rows then overlap).
 inline size_t pitched_extent(uint64_t rows, uint64_t pitch, uint64_t width) {
   return rows == 0 || width == 0 ? 0 : static_cast<size_t>((rows - 1) * pitch + width);
 }
 
-// Caller arrays of one frame for descriptor d. head_rows: rows of the head
-// arrays (the roi_num later given to post_nms, at least what NMS returns).
+// Caller arrays of one frame for descriptor d. rows_for_head: rows of the
+// head arrays (the roi_num later given to post_nms, at least what NMS
+// returns).
 struct frame_arrays {
   exact_array<uint16_t> cls, bbox, fmap, roi_result, nms_out, rcnn_cls, rcnn_bbox, rcnn_result;
   uint32_t head_rows = 0;
-  size_t roi_elems = 0;  // pooled elements per ROI
+  size_t roi_elems = 0;  // pooled elements per ROI; its whole 16-channel blocks are written
 
   frame_arrays(const frcnn_desc& d, uint32_t rows_for_head = 0) {
     const uint64_t A = d.anchor_num, H = d.fmap_h, W = d.fmap_w;
-    const uint64_t planes = rpn_score_planes(d);
-    cls = exact_array<uint16_t>(pitched_extent(planes * H, d.rpn_cls_pitch, W));
+    cls = exact_array<uint16_t>(pitched_extent(rpn_score_planes(d) * H, d.rpn_cls_pitch, W));
     bbox = exact_array<uint16_t>(pitched_extent(4 * A * H, d.fmap_pitch, W));
     const uint32_t max_rois = std::min<uint32_t>(d.post_nms_num, 32767);
     head_rows = std::max(max_rois, std::min(rows_for_head, d.post_nms_num));
-    const uint64_t blocks = d.fmap_d / 16;
-    fmap = exact_array<uint16_t>(blocks * H * W * 16);
-    // pool_h * pool_w * fmap_d per ROI; the whole 16-channel blocks of it
-    // are written.
+    fmap = exact_array<uint16_t>(d.fmap_d / 16 * H * W * 16);
     roi_elems = static_cast<size_t>(uint64_t{d.fmap_d} * d.pool_h * d.pool_w);
     roi_result = exact_array<uint16_t>(static_cast<size_t>(max_rois) * roi_elems);
     nms_out = exact_array<uint16_t>(4ull * head_rows);
@@ -87,6 +102,40 @@ struct frame_arrays {
   }
 };
 
+// Entry point opt_layers_[instance_]frcnn_<name> on handle hd, or on the
+// process-wide context when hd is NULL.
+#define OL_FRCNN_CALL(hd, name, ...)                                   \
+  ((hd) ? opt_layers_instance_frcnn_##name((hd), __VA_ARGS__)          \
+        : opt_layers_frcnn_##name(__VA_ARGS__))
+
+// Each entry point on the frame's arrays.
+struct frame_calls {
+  void* hd;
+  frame_arrays& a;
+  int prenms(half_float::half** p) { return OL_FRCNN_CALL(hd, prenms, a.cls.half(), a.bbox.half(), p); }
+  int prenms_nms() { return OL_FRCNN_CALL(hd, prenms_nms, a.cls.half(), a.bbox.half(), a.nms_out.half()); }
+  int pre_nms_roi() {
+    return OL_FRCNN_CALL(hd, pre_nms_roi, a.cls.half(), a.bbox.half(), a.fmap.data(), a.roi_result.data(),
+                         a.nms_out.half());
+  }
+  int post_nms(uint32_t n) {
+    return OL_FRCNN_CALL(hd, post_nms, a.rcnn_cls.half(), a.rcnn_bbox.half(), a.nms_out.half(),
+                         a.rcnn_result.half(), n);
+  }
+};
+
+// Every entry point once, keeping nothing: allocates nothing itself.
+// Returns the pooled ROI count, or -1 when any call failed.
+inline int run_frame_lean(void* hd, frame_arrays& a) {
+  frame_calls c{hd, a};
+  half_float::half* props = nullptr;
+  const int k = c.prenms(&props);
+  const int r = c.prenms_nms();
+  const int r2 = c.pre_nms_roi();
+  const int post = c.post_nms(static_cast<uint32_t>(std::max(r2, 0)));
+  return (k < 0 || r < 0 || r2 != r || post != 0) ? -1 : r2;
+}
+
 // What one frame produced.
 struct frame_result {
   int k = 0, r = 0, r2 = 0, post = 0;
@@ -105,61 +154,27 @@ enum frame_steps : unsigned {
   step_all = 15,
 };
 
-// Every entry point once on handle hd (NULL: the process-wide context),
-// keeping nothing: allocates nothing itself. Returns the pooled ROI count, or
-// -1 when any call failed.
-inline int run_frame_lean(void* hd, frame_arrays& a) {
-  half_float::half* props = nullptr;
-  const int k = hd ? opt_layers_instance_frcnn_prenms(hd, a.cls.half(), a.bbox.half(), &props)
-                   : opt_layers_frcnn_prenms(a.cls.half(), a.bbox.half(), &props);
-  const int r = hd ? opt_layers_instance_frcnn_prenms_nms(hd, a.cls.half(), a.bbox.half(), a.nms_out.half())
-                   : opt_layers_frcnn_prenms_nms(a.cls.half(), a.bbox.half(), a.nms_out.half());
-  const int r2 = hd ? opt_layers_instance_frcnn_pre_nms_roi(hd, a.cls.half(), a.bbox.half(), a.fmap.data(),
-                                                            a.roi_result.data(), a.nms_out.half())
-                    : opt_layers_frcnn_pre_nms_roi(a.cls.half(), a.bbox.half(), a.fmap.data(),
-                                                   a.roi_result.data(), a.nms_out.half());
-  const uint32_t n = static_cast<uint32_t>(r2 < 0 ? 0 : r2);
-  const int post = hd ? opt_layers_instance_frcnn_post_nms(hd, a.rcnn_cls.half(), a.rcnn_bbox.half(),
-                                                           a.nms_out.half(), a.rcnn_result.half(), n)
-                      : opt_layers_frcnn_post_nms(a.rcnn_cls.half(), a.rcnn_bbox.half(), a.nms_out.half(),
-                                                  a.rcnn_result.half(), n);
-  return (k < 0 || r < 0 || r2 != r || post != 0) ? -1 : r2;
-}
-
-// Runs the chosen entry points on handle h (the process-wide context when h
-// is NULL). roi_num 0: post_nms gets the NMS count.
+// Runs the chosen entry points on handle hd (the process-wide context when
+// hd is NULL). roi_num 0: post_nms gets the NMS count.
 inline frame_result run_frame(void* hd, frame_arrays& a, unsigned steps = step_all,
                               uint32_t roi_num = 0) {
+  frame_calls c{hd, a};
   frame_result out;
   if (steps & step_prenms) {
     half_float::half* props = nullptr;
-    out.k = hd ? opt_layers_instance_frcnn_prenms(hd, a.cls.half(), a.bbox.half(), &props)
-               : opt_layers_frcnn_prenms(a.cls.half(), a.bbox.half(), &props);
-    if (out.k > 0) {
-      const uint16_t* p = reinterpret_cast<const uint16_t*>(props);
-      out.proposals.assign(p, p + 5 * static_cast<size_t>(out.k));
-    }
+    out.k = c.prenms(&props);
+    const uint16_t* p = reinterpret_cast<const uint16_t*>(props);
+    if (out.k > 0) out.proposals.assign(p, p + 5 * static_cast<size_t>(out.k));
   }
-  if (steps & step_prenms_nms) {
-    out.r = hd ? opt_layers_instance_frcnn_prenms_nms(hd, a.cls.half(), a.bbox.half(), a.nms_out.half())
-               : opt_layers_frcnn_prenms_nms(a.cls.half(), a.bbox.half(), a.nms_out.half());
-  }
+  if (steps & step_prenms_nms) out.r = c.prenms_nms();
   if (steps & step_pre_nms_roi) {
-    out.r2 = hd ? opt_layers_instance_frcnn_pre_nms_roi(hd, a.cls.half(), a.bbox.half(), a.fmap.data(),
-                                                         a.roi_result.data(), a.nms_out.half())
-                : opt_layers_frcnn_pre_nms_roi(a.cls.half(), a.bbox.half(), a.fmap.data(),
-                                               a.roi_result.data(), a.nms_out.half());
-    if (out.r2 > 0 && a.roi_result.n > 0)
-      out.roi_result = a.roi_result.vec(a.roi_elems * out.r2);
+    out.r2 = c.pre_nms_roi();
+    if (out.r2 > 0 && a.roi_result.n > 0) out.roi_result = a.roi_result.vec(a.roi_elems * out.r2);
   }
   const int rois = (steps & step_pre_nms_roi) ? out.r2 : out.r;
   if (rois > 0) out.nms_out = a.nms_out.vec(4 * static_cast<size_t>(rois));
   if (steps & step_post_nms) {
-    const uint32_t n = roi_num ? roi_num : static_cast<uint32_t>(std::max(rois, 0));
-    out.post = hd ? opt_layers_instance_frcnn_post_nms(hd, a.rcnn_cls.half(), a.rcnn_bbox.half(),
-                                                        a.nms_out.half(), a.rcnn_result.half(), n)
-                  : opt_layers_frcnn_post_nms(a.rcnn_cls.half(), a.rcnn_bbox.half(), a.nms_out.half(),
-                                              a.rcnn_result.half(), n);
+    out.post = c.post_nms(roi_num ? roi_num : static_cast<uint32_t>(std::max(rois, 0)));
     out.rcnn_result = a.rcnn_result.vec();
   }
   return out;
