@@ -62,24 +62,12 @@ bool same_bits(const std::vector<float>& a, const std::vector<float>& b) {
   return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
 }
 
-// Ten bands: H / 10 rows each, the last one also takes the remainder.
-TEST(Anchors, BandSplit) {
-  const struct {
-    unsigned k, H, first, rows;
-  } cases[] = {{8, 7, 0, 0}, {9, 7, 0, 7}, {0, 23, 0, 2}, {8, 23, 16, 2}, {9, 23, 18, 5}};
-  for (const auto& c : cases) {
-    unsigned first = 99, rows = 99;
-    ol::anchor_band_rows(c.k, c.H, &first, &rows);
-    EXPECT_EQ(rows, c.rows) << c.k << " " << c.H;
-    EXPECT_TRUE(rows == 0 || first == c.first) << c.k << " " << c.H;
-  }
-}
-
 TEST(Anchors, MatchReferenceForOneAndEightWorkers) {
   struct shape {
     unsigned A, S, H, W;
   };
-  // H below 10 (band 9 alone), 23 (bands of 2, last of 5), a VGG16 frame.
+  // Ten bands of H / 10 rows, the last one also takes the remainder: H below
+  // 10 (band 9 alone), 23 (bands of 2, last of 5), a VGG16 frame.
   for (const shape& sh : {shape{3, 16, 7, 5}, shape{9, 16, 23, 11}, shape{9, 16, 38, 63},
                           shape{1, 1, 1, 1}, shape{2, 8, 10, 3}}) {
     for (bool suppress : {false, true}) {
