@@ -95,6 +95,11 @@ TEST(Anchors, SuppressionLimitsToTheImageSizeItself) {
   const std::vector<float> off = generate(2, base, 1, 16, 3, 4, false, 40, 50);
   EXPECT_EQ(std::vector<float>(off.begin() + 44, off.begin() + 48),
             (std::vector<float>{38, 12, 78.5f, 73}));
+  // A NaN base coordinate is limited to the image size, not left NaN.
+  const std::vector<float> nan_base = {NAN, 2.0f, 30.0f, NAN};
+  const std::vector<float> limited = generate(2, nan_base, 1, 16, 3, 4, true, 40, 50);
+  EXPECT_EQ(std::vector<float>(limited.begin() + 44, limited.begin() + 48),
+            (std::vector<float>{50, 34, 50, 40}));
 }
 
 TEST(Anchors, RefusedBandsStayUntouched) {
