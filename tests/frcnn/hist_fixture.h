@@ -1,7 +1,8 @@
 // Histogram tables set up the way init sets them up: the bucket map
 // allocated uninitialised and then zeroed, lists, counts and the occupancy
 // bitmap zeroed, the visiting order built, K row nodes pushed on the free
-// list with their links cleared, the cursor zeroed, then hist_reset.
+// list with their links cleared, then hist_reset. The tables start out
+// zeroed (free list and cursor included).
 #ifndef OL_TESTS_FRCNN_HIST_FIXTURE_H
 #define OL_TESTS_FRCNN_HIST_FIXTURE_H
 
@@ -9,6 +10,8 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+
+#include <initializer_list>
 
 #include "common/alloc.h"
 #include "frcnn/hist_sort.h"
@@ -18,30 +21,25 @@ namespace ol_test {
 class hist_fixture {
  public:
   explicit hist_fixture(uint32_t K = 0) {
-    t.map = static_cast<uint32_t*>(must(ol::ol_malloc(size_t{ol::k_hist_buckets} * 64 * 4)));
-    t.list = static_cast<ol::hist_bucket*>(
-        must(ol::ol_calloc(ol::k_hist_buckets, sizeof(ol::hist_bucket))));
-    t.free_nodes = nullptr;
+    constexpr size_t n = ol::k_hist_buckets;
+    t.map = must<uint32_t>(ol::ol_malloc(n * ol::k_hist_inline * 4));
+    t.list = must<ol::hist_bucket>(ol::ol_calloc(n, sizeof(ol::hist_bucket)));
     for (uint32_t i = 0; i < K; ++i) {
-      auto* node = static_cast<ol::hist_row_node*>(must(ol::ol_malloc(ol::k_hist_node_bytes)));
+      auto* node = must<ol::hist_row_node>(ol::ol_malloc(ol::k_hist_node_bytes));
       node->next = t.free_nodes;
       t.free_nodes = node;
     }
-    t.num = static_cast<uint32_t*>(must(ol::ol_calloc(ol::k_hist_buckets, 4)));
-    t.sort = static_cast<uint16_t*>(must(ol::ol_calloc(ol::k_hist_buckets, 2)));
-    t.occupied = static_cast<uint64_t*>(must(ol::ol_calloc(ol::k_hist_buckets / 64, 8)));
-    memset(t.cursor, 0, sizeof t.cursor);
+    t.num = must<uint32_t>(ol::ol_calloc(n, 4));
+    t.sort = must<uint16_t>(ol::ol_calloc(n, 2));
+    t.occupied = must<uint64_t>(ol::ol_calloc(n / 64, 8));
     ol::hist_build_order(t.sort, ol::k_hist_buckets);
-    memset(t.map, 0, size_t{ol::k_hist_buckets} * 64 * 4);
+    memset(t.map, 0, n * ol::k_hist_inline * 4);
     ol::hist_reset(&t);
   }
   ~hist_fixture() {
     ol::hist_release(&t);
-    ol::ol_free(t.sort);
-    ol::ol_free(t.num);
-    ol::ol_free(t.occupied);
-    ol::ol_free(t.list);
-    ol::ol_free(t.map);
+    for (void* p : std::initializer_list<void*>{t.sort, t.num, t.occupied, t.list, t.map})
+      ol::ol_free(p);
   }
   hist_fixture(const hist_fixture&) = delete;
   hist_fixture& operator=(const hist_fixture&) = delete;
@@ -61,12 +59,13 @@ class hist_fixture {
   ol::hist_tables t{};
 
  private:
-  static void* must(void* p) {
+  template <class T>
+  static T* must(void* p) {
     if (p == nullptr) {
       fprintf(stderr, "hist_fixture: out of memory\n");
       abort();
     }
-    return p;
+    return static_cast<T*>(p);
   }
 };
 
