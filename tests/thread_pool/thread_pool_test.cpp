@@ -65,19 +65,18 @@ struct alloc_failer {
   ~alloc_failer() { remove(); }
 };
 
-// Tasks that each wait until `need` of them run at once, or until opened. A
-// task that waits 10 s returns -1 and opens the gate, so a failure cannot hang.
+// Tasks that each wait until the gate is opened. A task that waits 10 s
+// returns -1 and opens the gate, so a failure cannot hang.
 struct gate {
-  uint32_t need;
   std::atomic<uint32_t> arrived{0};
   std::atomic<int> open{0};
   std::vector<thread_task> tasks;
-  explicit gate(uint32_t n, uint32_t need_ = ~0u) : need(need_), tasks(n, {run, this, 1}) {}
+  explicit gate(uint32_t n) : tasks(n, {run, this, 1}) {}
   static int32_t run(void* a) {
     gate* g = static_cast<gate*>(a);
     g->arrived.fetch_add(1);
-    for (int i = 0; i < 50000 && !g->open.load() && g->arrived.load() < g->need; ++i) usleep(200);
-    if (g->open.load() || g->arrived.load() >= g->need) return 0;
+    for (int i = 0; i < 50000 && !g->open.load(); ++i) usleep(200);
+    if (g->open.load()) return 0;
     g->open.store(1);
     return -1;
   }
@@ -134,14 +133,6 @@ TEST(thread_pool, one_and_thirty_two_workers) {
     thread_pool* pool = ol::thread_pool_create(n);
     ASSERT_NE(pool, nullptr);
     EXPECT_EQ(ol_test::live_threads(), before + static_cast<int>(n));
-    gate meet(n, n);
-    for (auto& t : meet.tasks) ASSERT_EQ(ol::thread_pool_add_task(pool, &t), 0);
-    for (uint32_t i = 0; i < n; ++i) {
-      thread_task* t = ol::thread_pool_wait(pool);
-      ASSERT_NE(t, nullptr);
-      EXPECT_EQ(t->retval, 0) << "the workers did not all run at once";
-    }
-
     size_t stack_bytes = 0;
     thread_task probe = {probe_stack, &stack_bytes, 1};
     ASSERT_EQ(ol::thread_pool_add_task(pool, &probe), 0);
@@ -153,15 +144,25 @@ TEST(thread_pool, one_and_thirty_two_workers) {
     EXPECT_EQ(stack_bytes, ol::k_worker_stack_bytes);
 #endif
 
+    // A gate holds every worker at once; the records queue up behind it and
+    // all run before the first wait, so with one worker both queues must keep
+    // the order by themselves.
     std::vector<record> recs(500);
     init_records(recs);
+    gate held(n);
+    held.hold(pool);
     for (auto& r : recs) ASSERT_EQ(ol::thread_pool_add_task(pool, &r.task), 0);
+    held.open.store(1);
+    for (auto& r : recs)
+      for (int i = 0; i < 50000 && r.runs.load() == 0; ++i) usleep(200);
     std::set<thread_task*> back;
-    for (size_t i = 0; i < recs.size(); ++i) {
+    for (size_t i = 0; i < n + recs.size(); ++i) {
       thread_task* t = ol::thread_pool_wait(pool);
       EXPECT_TRUE(back.insert(t).second) << "task returned twice";
-      if (n == 1) { EXPECT_EQ(t, &recs[i].task) << "out of queue order"; }
+      if (n == 1) { EXPECT_EQ(t, i ? &recs[i - 1].task : &held.tasks[0]) << "out of queue order"; }
     }
+    for (const thread_task& t : held.tasks)
+      EXPECT_EQ(t.retval, 0) << "the workers did not all run at once";
     for (size_t i = 0; i < recs.size(); ++i) {
       EXPECT_EQ(back.count(&recs[i].task), 1u);
       EXPECT_EQ(recs[i].runs.load(), 1);
