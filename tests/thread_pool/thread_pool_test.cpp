@@ -183,16 +183,11 @@ TEST(thread_pool, many_batches) {
       thread_pool* pool = ol::thread_pool_create(workers);
       ASSERT_NE(pool, nullptr);
       std::vector<record> recs(batch);
-      init_records(recs);
       ASSERT_EQ(ol::thread_pool_prepare(pool, batch), 0);
       alloc_failer counter;
       uint64_t bad = 0;
       for (uint32_t round = 0; round < (100000 + batch - 1) / batch; ++round) {
-        for (uint32_t i = 0; i < batch; ++i) {
-          recs[i].value = static_cast<int32_t>(round * batch + i);
-          recs[i].runs.store(0, std::memory_order_relaxed);
-          recs[i].task.retval = -7;
-        }
+        init_records(recs);  // unrun tasks keep runs 0 and retval -7
         bad += ol::dispatch_tasks(pool, recs.data(), batch, ol::on_refused::skip) != batch;
         for (uint32_t i = 0; i < batch; ++i) {
           bad += recs[i].runs.load(std::memory_order_relaxed) != 1;
