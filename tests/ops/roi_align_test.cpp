@@ -1,6 +1,5 @@
 // roi_align_fmap_int16 and roi_align_four_fmap_int16 against the plain
 // reference, values pinned independently of it, bad input and degenerate maps.
-#include <math.h>
 #include <pthread.h>
 
 #include <limits>
@@ -24,8 +23,18 @@ constexpr size_t kGuard = 64;  // poisoned elements after the expected output
 const float kNan = std::numeric_limits<float>::quiet_NaN();
 const float kInf = std::numeric_limits<float>::infinity();
 
-// Both kernels must give the reference output for every box and leave the
-// poisoned elements after it alone.
+// fn(kernel, args..., out) must return 0 on both kernels and give `want`
+// (which ends in kGuard poisoned elements) in a poisoned buffer.
+template <class Fn, class... Args>
+void expect_kernels(const std::vector<short>& want, const std::string& what, Fn fn, Args... args) {
+  for (bilinear_kernel k : {bilinear_kernel::vector, bilinear_kernel::scalar}) {
+    std::vector<short> got(want.size(), kPoison);
+    ASSERT_EQ(fn(k, args..., got.data()), 0) << what;
+    for (size_t i = 0; i < got.size(); ++i)
+      ASSERT_EQ(got[i], want[i]) << what << " kernel " << int(k) << " element " << i;
+  }
+}
+
 void check_align(ref::map16& m, unsigned s, std::vector<float>& boxes, unsigned pw, unsigned ph,
                  const std::string& what) {
   const unsigned n = unsigned(boxes.size() / 4);
@@ -33,17 +42,21 @@ void check_align(ref::map16& m, unsigned s, std::vector<float>& boxes, unsigned 
   std::vector<short> want(per_box * n + kGuard, kPoison);
   for (unsigned b = 0; b < n; ++b)
     ref::roi_align_box(m, s, &boxes[4 * b], pw, ph, &want[b * per_box]);
-  for (bilinear_kernel k : {bilinear_kernel::vector, bilinear_kernel::scalar}) {
-    std::vector<short> got(want.size(), kPoison);
-    ASSERT_EQ(ol::roi_align_fmap_int16_with(k, m.data(), s, boxes.data(), n, m.w, m.h, pw, ph, m.c,
-                                            got.data()),
-              0);
-    for (size_t i = 0; i < got.size(); ++i)
-      ASSERT_EQ(got[i], want[i]) << what << " kernel " << int(k) << " element " << i;
-  }
+  expect_kernels(want, what, ol::roi_align_fmap_int16_with, m.data(), s, boxes.data(), n, m.w, m.h,
+                 pw, ph, m.c);
 }
 
-TEST(RoiAlign, MatchesReferenceOnRandomCases) {
+// The exported function for the vector kernel, the internal entry for the
+// scalar one.
+int four_levels(bilinear_kernel k, short** maps, unsigned* scales, float* boxes, unsigned n,
+                unsigned img_w, unsigned img_h, unsigned pw, unsigned ph, unsigned c, short* out) {
+  if (k == bilinear_kernel::vector)
+    return roi_align_four_fmap_int16(maps, scales, boxes, n, img_w, img_h, pw, ph, c, out);
+  return ol::roi_align_four_fmap_int16_with(k, maps, scales, boxes, n, img_w, img_h, pw, ph, c,
+                                            out);
+}
+
+TEST(RoiAlign, MatchesReferenceOnRandomAndDegenerateCases) {
   rng g(11);
   for (int iter = 0; iter < 300; ++iter) {
     const unsigned s = 1u << g.range(0, 4);
@@ -53,6 +66,15 @@ TEST(RoiAlign, MatchesReferenceOnRandomCases) {
     for (size_t b = 0; b < boxes.size(); b += 4)
       ref::random_box(g, float(m.w * s), float(m.h * s), &boxes[b]);
     check_align(m, s, boxes, pw, ph, "iter " + std::to_string(iter));
+  }
+  // One-row and one-column maps with NaN (all weights 0), infinite and huge
+  // boxes, every index inside (ASan flags a stray read).
+  std::vector<float> boxes = {kNan,  0,     4,     4,     0,      kNan, 4,     4,     kNan, kNan,
+                              kNan,  kNan,  0,     0,     kInf,   4,    -kInf, -kInf, kInf, kInf,
+                              1e30f, 1e30f, 2e30f, 2e30f, -1e30f, 0,    0,     1};
+  for (auto wh : {std::pair<unsigned, unsigned>{1, 1}, {1, 5}, {5, 1}, {3, 4}}) {
+    ref::map16 m = ref::random_map(g, wh.first, wh.second, 16);
+    check_align(m, 1, boxes, 3, 2, format("map %ux%u", wh.first, wh.second));
   }
 }
 
@@ -68,43 +90,38 @@ TEST(RoiAlign, PinnedSamples) {
   ASSERT_EQ(roi_align_fmap_int16(m.data(), 16, box.data(), 1, 2, 2, 1, 1, 16, out.data()), 0);
   EXPECT_EQ(out, want);
 
-  // Samples on the cell centres copy the map.
+  // Samples on the cell centres x = 0..8, y = 0..5 of a 7 x 5 map copy it,
+  // repeating the last column and row beyond the right and bottom edges.
   rng g(3);
   m = ref::random_map(g, 7, 5, 32);
-  box = {-0.5f, -0.5f, 6.5f, 4.5f};
-  out.assign(m.v.size(), 0);
-  ASSERT_EQ(roi_align_fmap_int16(m.data(), 1, box.data(), 1, 7, 5, 7, 5, 32, out.data()), 0);
-  EXPECT_EQ(out, m.v);
-  // Samples beyond the right and bottom edges (x = 7, 8 and y = 5) repeat
-  // the last column and row.
-  box = {3.5f, 1.5f, 8.5f, 5.5f};  // samples at x = 4..8, y = 2..5
-  out.assign(4 * 5 * 32, 0);
-  ASSERT_EQ(roi_align_fmap_int16(m.data(), 1, box.data(), 1, 7, 5, 5, 4, 32, out.data()), 0);
-  for (unsigned i = 0; i < 4; ++i)
-    for (unsigned j = 0; j < 5; ++j)
+  box = {-0.5f, -0.5f, 8.5f, 5.5f};
+  out.assign(9 * 6 * 32, 0);
+  ASSERT_EQ(roi_align_fmap_int16(m.data(), 1, box.data(), 1, 7, 5, 9, 6, 32, out.data()), 0);
+  for (unsigned i = 0; i < 6; ++i)
+    for (unsigned j = 0; j < 9; ++j)
       for (unsigned c = 0; c < 32; ++c)
-        ASSERT_EQ(out[(i * 5 + j) * 32 + c], m.at(std::min(2 + i, 4u), std::min(4 + j, 6u), c));
+        ASSERT_EQ(out[(i * 9 + j) * 32 + c], m.at(std::min(i, 4u), std::min(j, 6u), c));
 }
 
 TEST(RoiAlign, RoundingOfTheSum) {
   // acc = 4096 -> 1, -4096 -> 0, -4097 -> -1, and extreme weights and
-  // values, whose sum leaves 32 bits, against the exact sum.
+  // values, whose sum leaves 32 bits, against the exact sum. Taps p00 = p10
+  // and p01 = p11.
   const int64_t big = 1073741824;  // 32768 * 32768
-  const int cases[][5] = {
-      {1, 0, 4096, 0, 1},  // p00, p01, w00, w01, result
-      {-1, 0, 4096, 0, 0},
-      {-1, -1, 4096, 1, -1},
-      {-32768, -32768, -32768, -32768, ref::round_q13(4 * big)},
-      {32767, -32768, 32767, -32768, ref::round_q13(2 * 32767ll * 32767 + 2 * big)}};
+  const int cases[][7] = {
+      {1, 0, 4096, 0, 0, 0, 1},  // p00, p01, w00, w01, w10, w11, result
+      {-1, 0, 4096, 0, 0, 0, 0},
+      {-1, -1, 4096, 1, 0, 0, -1},
+      {-32768, -32768, -32768, -32768, -32768, -32768, ref::round_q13(4 * big)},
+      {32767, -32768, 32767, -32768, 32767, -32768, ref::round_q13(2 * 32767ll * 32767 + 2 * big)}};
   for (const auto& s : cases) {
     std::vector<short> a(16, short(s[0])), b(16, short(s[1]));
-    const int16_t w0 = int16_t(s[2]), w1 = int16_t(s[3]);
-    ol::bilinear_taps t{a.data(), b.data(), a.data(), b.data(), w0, w1, 0, 0};
-    if (s[0] == -32768 || s[0] == 32767) t.w10 = w0, t.w11 = w1;  // the same weights on both rows
+    const ol::bilinear_taps t{a.data(),      b.data(),      a.data(),      b.data(),
+                              int16_t(s[2]), int16_t(s[3]), int16_t(s[4]), int16_t(s[5])};
     for (auto fn : {ol::bilinear_i16_vector, ol::bilinear_i16_scalar}) {
       std::vector<short> out(16, kPoison);
       fn(t, 16, out.data());
-      EXPECT_EQ(out, std::vector<short>(16, short(s[4]))) << s[0] << " " << s[2];
+      EXPECT_EQ(out, std::vector<short>(16, short(s[6]))) << s[0] << " " << s[2];
     }
   }
   EXPECT_EQ(ol::q13_weight(kNan), 0);
@@ -145,39 +162,40 @@ TEST(RoiAlign, FourLevelsMatchTheSelectedMap) {
     const unsigned k = ref::level(&boxes[4 * b]);
     ref::roi_align_box(lv[k], scales[k], &boxes[4 * b], pw, ph, &want[b * per_box]);
   }
-  for (bilinear_kernel kernel : {bilinear_kernel::vector, bilinear_kernel::scalar}) {
-    std::vector<short> got(want.size(), kPoison);
-    const int ret = kernel == bilinear_kernel::vector
-                        ? roi_align_four_fmap_int16(maps, scales, boxes.data(), n, img_w, img_h, pw,
-                                                    ph, c, got.data())
-                        : ol::roi_align_four_fmap_int16_with(kernel, maps, scales, boxes.data(), n,
-                                                             img_w, img_h, pw, ph, c, got.data());
-    ASSERT_EQ(ret, 0);
-    for (size_t i = 0; i < got.size(); ++i)
-      ASSERT_EQ(got[i], want[i]) << "kernel " << int(kernel) << " box " << i / per_box;
-  }
+  expect_kernels(want, "four levels", four_levels, maps, scales, boxes.data(), n, img_w, img_h, pw,
+                 ph, c);
+
+  // A level whose map has no column (stride above the image width): the
+  // boxes that select it get zeros, and its map is never read.
+  std::vector<short> l0(5 * 5 * 16, 7), l1(2 * 2 * 16, 7), l2(1, 7);
+  short* small[3] = {l0.data(), l1.data(), l2.data()};
+  unsigned small_scales[3] = {8, 20, 64};
+  std::vector<float> big = {0, 0, 40, 40, 0, 0, 1000, 1000};  // levels 0 and 2
+  want.assign(2 * 4 * 16 + kGuard, kPoison);
+  std::fill(want.begin(), want.begin() + 64, 7);
+  std::fill(want.begin() + 64, want.begin() + 128, 0);
+  expect_kernels(want, "empty level", four_levels, small, small_scales, big.data(), 2u, 40u, 40u,
+                 2u, 2u, 16u);
 }
 
 TEST(RoiAlign, BadInputIsRefusedWithNothingWritten) {
   std::vector<short> map(16 * 4, 1), out(16 + kGuard, kPoison);
   std::vector<float> box = {0, 0, 4, 4};
-  short* m = map.data();
-  short* o = out.data();
+  short *m = map.data(), *o = out.data();
   float* b = box.data();
   void *nul = nullptr, *vm = m, *vo = o, *vb = b;
   short* maps[3] = {m, m, m};
   unsigned scales[3] = {8, 16, 32};
   using res = std::pair<int, std::string>;
-  auto run = [](auto&& fn) {
+  auto one = [&](short* fm, unsigned s, float* bx, unsigned n, short* ro, unsigned ch) {
     ol_test::stdout_capture cap;
-    const int r = fn();
+    const int r = roi_align_fmap_int16(fm, s, bx, n, 2, 2, 1, 1, ch, ro);
     return res{r, cap.end()};
   };
-  auto one = [&](short* fm, unsigned s, float* bx, unsigned n, short* ro, unsigned ch) {
-    return run([&] { return roi_align_fmap_int16(fm, s, bx, n, 2, 2, 1, 1, ch, ro); });
-  };
   auto four = [&](short** fm, unsigned* s, float* bx, unsigned n, short* ro, unsigned ch) {
-    return run([&] { return roi_align_four_fmap_int16(fm, s, bx, n, 32, 32, 1, 1, ch, ro); });
+    ol_test::stdout_capture cap;
+    const int r = roi_align_four_fmap_int16(fm, s, bx, n, 32, 32, 1, 1, ch, ro);
+    return res{r, cap.end()};
   };
   const std::string bad_ptr = "Invalid proposal or roi_result: %p, %p\n";
   const std::string bad_ch = "Invalid channel: %u, should be multiple 16\n";
@@ -205,39 +223,6 @@ TEST(RoiAlign, BadInputIsRefusedWithNothingWritten) {
   EXPECT_EQ(four(maps, scales, nullptr, 1, o, 16), res(-1, format(bad_ptr.c_str(), nul, vo)));
   EXPECT_EQ(four(maps, scales, b, 0, o, 16), res(0, ""));
   for (size_t i = 0; i < out.size(); ++i) ASSERT_EQ(out[i], kPoison) << i;
-}
-
-TEST(RoiAlign, DegenerateMapsAndBoxesStayInBounds) {
-  // One-row and one-column maps with NaN, infinite and huge boxes: exact
-  // against the reference, every index inside (ASan flags a stray read).
-  rng g(9);
-  std::vector<float> boxes = {kNan,  0,     4,     4,     0,      kNan,  4,    4,
-                              0,     0,     kInf,  4,     -kInf,  -kInf, kInf, kInf,
-                              1e30f, 1e30f, 2e30f, 2e30f, -1e30f, 0,     0,    1};
-  for (auto wh : {std::pair<unsigned, unsigned>{1, 1}, {1, 5}, {5, 1}, {3, 4}}) {
-    ref::map16 m = ref::random_map(g, wh.first, wh.second, 16);
-    check_align(m, 1, boxes, 3, 2,
-                "map " + std::to_string(wh.first) + "x" + std::to_string(wh.second));
-  }
-  // A NaN box gives zeros: its weights are all 0.
-  ref::map16 m = ref::random_map(g, 4, 4, 16);
-  std::vector<float> nan_box = {kNan, kNan, kNan, kNan};
-  std::vector<short> out(16 * 4, kPoison);
-  ASSERT_EQ(roi_align_fmap_int16(m.data(), 1, nan_box.data(), 1, 4, 4, 2, 2, 16, out.data()), 0);
-  EXPECT_EQ(out, std::vector<short>(16 * 4, 0));
-
-  // A level whose map has no column (stride above the image width): the
-  // boxes that select it get zeros, and its map is never read.
-  std::vector<short> l0(5 * 5 * 16, 7), l1(2 * 2 * 16, 7), l2(1, 7);
-  short* maps[3] = {l0.data(), l1.data(), l2.data()};
-  unsigned scales[3] = {8, 20, 64};
-  std::vector<float> big = {0, 0, 40, 40, 0, 0, 1000, 1000};  // levels 0 and 2
-  std::vector<short> res(2 * 4 * 16 + kGuard, kPoison), want = res;
-  std::fill(want.begin(), want.begin() + 64, 7);
-  std::fill(want.begin() + 64, want.begin() + 128, 0);
-  ASSERT_EQ(roi_align_four_fmap_int16(maps, scales, big.data(), 2, 40, 40, 2, 2, 16, res.data()),
-            0);
-  EXPECT_EQ(res, want);
 }
 
 TEST(RoiAlign, LargeGridsOnASmallStack) {
