@@ -52,7 +52,7 @@ for t in "${targets[@]}"; do
   # the pipeline starts and joins worker threads in every input, which makes
   # that a full heap scan each time. Its leaks are checked by the test suite
   # (LeakSanitizer, valgrind) instead.
-  # Its run time per input spans four orders of magnitude (a handful of
+  # The pipeline's run time per input spans four orders of magnitude (a few
   # ROIs to tens of thousands): inputs that run faster are scheduled more.
   extra=()
   [ "$t" = pipeline ] && extra+=(-detect_leaks=0 -entropic_scale_per_exec_time=1)
