@@ -25,16 +25,16 @@ namespace {
 std::atomic<bool> g_counting{false};
 std::atomic<long> g_calls{0};        // allocating calls while counting
 std::atomic<long> g_outstanding{0};  // blocks allocated and not freed, always
+}  // namespace
 
-void* note_alloc(void* p) {
+#if OL_INTERPOSE_MALLOC
+static void* note_alloc(void* p) {
   if (p == nullptr) return p;
   g_outstanding.fetch_add(1, std::memory_order_relaxed);
   if (g_counting.load(std::memory_order_relaxed)) g_calls.fetch_add(1, std::memory_order_relaxed);
   return p;
 }
-}  // namespace
 
-#if OL_INTERPOSE_MALLOC
 extern "C" {
 void* __libc_malloc(size_t);
 void* __libc_calloc(size_t, size_t);
