@@ -217,10 +217,9 @@ int score_desc_cmp(const void* a, const void* b, void* scores) {
 // ---- tables ---------------------------------------------------------------
 
 void hist_build_order(uint16_t* order, unsigned count) {
-  // The full table is written out directly and then checked to be strictly
-  // ascending under the total order (which also proves it a permutation):
-  // a linear pass instead of a sort of 65,536 entries at init. Any other
-  // count, or a failed check, takes the qsort.
+  // The full table is written out directly in the order the total order
+  // gives (a linear pass instead of sorting 65,536 entries at every init);
+  // any other count takes the qsort.
   if (count == k_hist_buckets) {
     unsigned i = 0;
     // +inf, the positive values descending, +0.
@@ -230,10 +229,7 @@ void hist_build_order(uint16_t* order, unsigned count) {
     // The NaN patterns by increasing pattern.
     for (uint32_t p = 0x7C01; p <= 0x7FFF; ++p) order[i++] = static_cast<uint16_t>(p);
     for (uint32_t p = 0xFC01; p <= 0xFFFF; ++p) order[i++] = static_cast<uint16_t>(p);
-    bool ascending = i == count;
-    for (unsigned k = 0; ascending && k + 1 < count; ++k)
-      ascending = bucket_order_total_cmp(&order[k], &order[k + 1]) < 0;
-    if (ascending) return;
+    return;
   }
   for (unsigned i = 0; i < count; ++i) order[i] = static_cast<uint16_t>(i);
   qsort(order, count, sizeof(uint16_t), bucket_order_total_cmp);
@@ -352,11 +348,9 @@ uint32_t hist_walk(uint32_t* out, uint32_t n, hist_tables* t, bool restart) {
 }
 
 void hist_release(hist_tables* t) {
-  if (t->list != nullptr) {
-    for (uint32_t key = 0; key < k_hist_buckets; ++key) {
-      if (t->list[key].head != nullptr) return_chain(t, &t->list[key]);
-    }
-  }
+  // Chains hang only off buckets marked in the bitmap, so the reset returns
+  // every one of them to the free list. Tables that init only partly
+  // allocated never ran a frame and have no chains.
   if (t->num != nullptr && t->occupied != nullptr && t->list != nullptr) hist_reset(t);
   while (t->free_nodes != nullptr) {
     hist_row_node* node = t->free_nodes;
