@@ -435,9 +435,9 @@ bool radix_sort_desc(uint32_t* order, uint32_t* scratch, uint32_t M, const uint1
 
 }  // namespace
 
-void rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num, uint32_t* order_buf,
-              uint32_t M, bool use_qsort, uint32_t* sort_scratch) {
-  if (M == 0) return;
+uint32_t rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num,
+                  uint32_t* order_buf, uint32_t M, bool use_qsort, uint32_t* sort_scratch) {
+  if (M == 0) return 0;
   if (use_qsort) {
     for (uint32_t i = 0; i < M; ++i) order_buf[i] = i;
     if (sort_scratch != nullptr) {
@@ -446,7 +446,7 @@ void rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num, uint
     } else {
       qsort_r(order_buf, M, sizeof(uint32_t), score_desc_cmp, const_cast<uint16_t*>(scores));
     }
-    return;
+    return M;
   }
   hist_reset(t);
   // An insertion that runs out of nodes has reported it; the walk then
@@ -455,7 +455,7 @@ void rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num, uint
   // A resumed walk after a zero-length request starts from the best bucket
   // of this frame, not from where the previous frame stopped.
   save_cursor(t, 0, 0, 0, 0);
-  hist_walk(order_buf, min_u32(M, pre_nms_num), t, true);
+  return hist_walk(order_buf, min_u32(M, pre_nms_num), t, true);
 }
 
 }  // namespace ol

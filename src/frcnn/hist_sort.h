@@ -79,8 +79,11 @@ int bucket_order_cmp(const void* a, const void* b);
 // the best min(M, pre_nms_num) on the histogram path. M = 0 does nothing.
 // The comparison path sorts stably with the ordering of score_desc_cmp on
 // sort_scratch (M entries, owned by the context) so that a frame never
-// allocates; without scratch it falls back to qsort_r.
-void rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num, uint32_t* order_buf,
+// allocates; without scratch it falls back to qsort_r. Returns how many
+// numbers were written: M, or on the histogram path what the walk gave
+// (fewer when candidates sit in the never-visited last bucket or could not
+// be stored); entries past that keep older contents.
+uint32_t rpn_sort(hist_tables* t, const uint16_t* scores, uint32_t pre_nms_num, uint32_t* order_buf,
               uint32_t M, bool use_qsort, uint32_t* sort_scratch = nullptr);
 
 }  // namespace ol

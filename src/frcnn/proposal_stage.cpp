@@ -26,9 +26,11 @@ int frcnn_prenms(frcnn_context* ctx, const uint16_t* rpn_cls, const uint16_t* rp
   const uint32_t n = M < d.pre_nms_num ? M : d.pre_nms_num;
   int K = 0;
   if (n > 0) {
-    rpn_sort(&ctx->hist, ctx->rpn_cls_nopitch, d.pre_nms_num, ctx->order_buf, M, d.is_use_qsort,
-             ctx->sort_scratch);
-    K = rpn_decode(ctx, rpn_bbox, n, M);
+    // Only the numbers the sort wrote are decoded: the histogram walk can
+    // give fewer than n, and order_buf past them holds older entries.
+    const uint32_t sorted = rpn_sort(&ctx->hist, ctx->rpn_cls_nopitch, d.pre_nms_num,
+                                     ctx->order_buf, M, d.is_use_qsort, ctx->sort_scratch);
+    K = rpn_decode(ctx, rpn_bbox, sorted < n ? sorted : n, M);
   }
   pthread_mutex_unlock(&ctx->lock);
   // An unsupported bbox_type fails the stage (after the lock is released).

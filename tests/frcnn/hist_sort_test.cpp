@@ -257,8 +257,10 @@ TEST(HistWalk, InconsistentBucketsReportAndStop) {
 // entries, the comparison path M.
 u32v sort_path(hist_fixture& fx, const u16v& s, uint32_t pre, bool use_qsort) {
   u32v out(s.size() + 4, 0xA5A5A5A5);
-  ol::rpn_sort(&fx.t, s.data(), pre, out.data(), static_cast<uint32_t>(s.size()), use_qsort);
+  const uint32_t written =
+      ol::rpn_sort(&fx.t, s.data(), pre, out.data(), static_cast<uint32_t>(s.size()), use_qsort);
   const size_t n = use_qsort ? s.size() : std::min<size_t>(s.size(), pre);
+  EXPECT_EQ(written, n);
   for (size_t i = n; i < out.size(); ++i) EXPECT_EQ(out[i], 0xA5A5A5A5u) << i;
   out.resize(n);
   return out;

@@ -6,6 +6,7 @@
 #include <pthread.h>
 
 #include <algorithm>
+#include <array>
 #include <thread>
 
 #include "common/frame_gen.h"
@@ -218,6 +219,31 @@ TEST(proposal_stage, refill_replaces_dropped_candidates) {
     for (int x = 0; x < 10; ++x) f.bbox[20 + x] = oh::from_float_round(-5.0f);
     EXPECT_EQ(run_prenms(h.h, f).size(), 0u);
 
+  }
+}
+
+// Unfiltered scores on the histogram path: the pattern 0xFFFF sits in the
+// bucket the walk never visits, so the sort yields fewer numbers than asked.
+// Only those are decoded: no duplicate of a stale order entry (zeros after
+// init, the previous frame's numbers after that).
+TEST(proposal_stage, never_visited_bucket_gives_no_stale_proposal) {
+  frcnn_desc d = small_config(2, false);
+  d.anchor_num = 1;
+  d.fmap_h = 1;
+  d.fmap_w = 2;
+  d.rpn_cls_pitch = d.fmap_pitch = 2;
+  d.pre_nms_num = 4;
+  d.min_size = 0;
+  d.is_filter_rpn_cls = 0;
+  handle h(d, {0, 0, 15, 15});
+  ol_test::rpn_frame f{std::vector<uint16_t>(4, 0), std::vector<uint16_t>(8, 0)};
+  for (const auto& [first, second, kept] :
+       std::vector<std::array<uint16_t, 3>>{{0x3C00, 0xFFFF, 0x3C00}, {0xFFFF, 0x3800, 0x3800}}) {
+    f.cls[2] = first;  // foreground plane of the two-class layout
+    f.cls[3] = second;
+    const std::vector<uint16_t> p = run_prenms(h.h, f);
+    ASSERT_EQ(p.size(), 5u) << std::hex << first;
+    EXPECT_EQ(p[4], kept);
   }
 }
 
