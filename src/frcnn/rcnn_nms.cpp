@@ -368,7 +368,9 @@ int rcnn_class_nms(uint16_t* rcnn_result, uint16_t* class_dets, const float* rcn
     const uint32_t count =
         suppress_class(dets, rcnn_boxes, rcnn_cls, c, slot, class_num, rcnn_cls_pitch, n,
                        post_nms_num, post_nms_iou, live_limit, scratch);
-    rcnn_result[c] = from_float_round(static_cast<float>(count));
+    // The library's default (truncating) conversion: counts above 2048
+    // round down to a representable half.
+    rcnn_result[c] = opt_layers_half::from_float_trunc(static_cast<float>(count));
   }
   return 0;
 }

@@ -143,7 +143,7 @@ inline void class_nms(uint16_t* rcnn_result, uint16_t* class_dets, const float* 
         --remaining;
       }
     }
-    rcnn_result[c] = from_float_round((float)count);
+    rcnn_result[c] = opt_layers_half::from_float_trunc((float)count);
   }
 }
 

@@ -119,6 +119,11 @@ TEST(RcnnClassNms, WorkedExamples) {
     }
     EXPECT_EQ(out, run_reference(p, 1, 2));
   }
+  // A count above 2048 is stored truncated: 2049 kept boxes read 2048.
+  problem p(2049, 2, 2049);
+  p.iou = 1.0f;
+  for (uint32_t i = 0; i < p.n; ++i) p.set(i, 1, 0, 0, 9, 9, 0.5f);
+  EXPECT_EQ(run_kernel(p, 1, 2)[1], 0x6800);
 }
 
 // Random problems built to meet ties, overlaps, NaN scores and coordinates,
