@@ -22,7 +22,6 @@ struct head_frame {
   uint32_t n = 300, classes, cls_pitch, bbox_pitch;
   std::vector<uint16_t> nms_out, rcnn_cls, rcnn_bbox;
   std::vector<float> rcnn_boxes;
-  std::vector<ol::rcnn_decode_task> records;
   std::vector<unsigned char> scratch;
   uint32_t block;
   std::vector<uint16_t> result;
@@ -68,14 +67,13 @@ struct head_frame {
     rcnn_bbox.resize(static_cast<size_t>(n) * bbox_pitch);
     for (auto& d : rcnn_bbox) d = from_float_round(r.uniform(-0.3f, 0.3f));
     rcnn_boxes.resize(4 * static_cast<size_t>(n) * class_num);
-    records.resize(n);
     block = ol::class_nms_scratch_bytes(n);
     scratch.resize(10 * static_cast<size_t>(block));
     result.resize(class_num + 5 * static_cast<size_t>(n) * class_num);
   }
 
   void decode(ol::thread_pool* pool) {
-    ol::frcnn_rcnn_decode(pool, records.data(), nms_out.data(), rcnn_bbox.data(),
+    ol::frcnn_rcnn_decode(pool, nms_out.data(), rcnn_bbox.data(),
                           rcnn_boxes.data(), 600, 1000, classes, bbox_pitch, n, false, 0, false,
                           nullptr, false);
   }

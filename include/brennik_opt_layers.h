@@ -140,9 +140,11 @@ inline half_float::half from_bits(uint16_t u) {
 // significant); byte 3 and the reserved bits are never read.
 //
 // Sizes derived from the record are 32-bit unsigned products: with
-// N = anchor_num * fmap_h * fmap_w, init allocates N*16, N*4 (three times),
-// N*6 (filter scratch), pre_nms_num*18, post_nms_num*class_num*16 and
-// post_nms_num*(task records + 200) bytes. Init computes every size in 64
+// N = anchor_num * fmap_h * fmap_w, init allocates N*16, N*4 (three times,
+// four with is_use_qsort), pre_nms_num*18, post_nms_num*class_num*16 and
+// about 630 bytes per ROI for the class suppression (at most 32767 ROIs
+// counted); without is_use_qsort also about 18 MiB of histogram tables and
+// N*20 bytes of overflow nodes. Init computes every size in 64
 // bits and refuses (with the allocation message of the buffer concerned,
 // before allocating it) any configuration with a buffer of 4 GiB or more,
 // which covers every product that would wrap in 32 bits. img_w and img_h

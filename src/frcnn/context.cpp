@@ -76,7 +76,6 @@ bool alloc_hist(frcnn_context* ctx, uint64_t N) {
 bool alloc_buffers(frcnn_context* ctx, const float* base_anchors) {
   const frcnn_desc& d = ctx->desc;
   const uint64_t N = sat_mul(sat_mul(d.anchor_num, d.fmap_h), d.fmap_w);
-  const uint64_t A = d.anchor_num;
   const uint64_t pre = d.pre_nms_num, post = d.post_nms_num, classes = d.class_num;
   if (!alloc_into(ctx->anchors, sat_mul(N, 16), "malloc for anchors err")) return false;
   anchors_generate(ctx->pool, base_anchors, ctx->anchors, d.anchor_num, d.fmap_scale, d.fmap_h,
@@ -94,29 +93,20 @@ bool alloc_buffers(frcnn_context* ctx, const float* base_anchors) {
   if (d.is_use_qsort &&
       !alloc_into(ctx->sort_scratch, sat_mul(N, 4), "malloc for order_buf err"))
     return false;
-  // order_rpn_index, and the parallel filter's per-anchor counts and tasks.
-  if (!alloc_into(ctx->order_rpn_index, sat_mul(N, 4), "malloc for order_rpn_index ") ||
-      !alloc_into(ctx->filter_counts, A * 4, "malloc for order_rpn_index ") ||
-      !alloc_into(ctx->filter_tasks, A * sizeof(score_filter_task), "malloc for order_rpn_index "))
-    return false;
-  // rcnn_boxes, and the head stages' task records and working arrays.
-  const uint64_t task_bytes =
-      sizeof(roi_pool_task) > sizeof(rcnn_decode_task) ? sizeof(roi_pool_task) : sizeof(rcnn_decode_task);
+  if (!alloc_into(ctx->order_rpn_index, sat_mul(N, 4), "malloc for order_rpn_index ")) return false;
+  // rcnn_boxes, and the working arrays of the class suppression.
   const uint64_t head_rois = post < 32767 ? post : 32767;
   ctx->class_nms_block = class_nms_scratch_bytes(static_cast<uint32_t>(head_rois));
   if (!alloc_into(ctx->rcnn_boxes, sat_mul(post * classes, 16), "malloc for anchors err") ||
-      !alloc_into(ctx->stage_tasks, post * task_bytes, "malloc for anchors err") ||
       !alloc_into(ctx->class_nms_scratch,
                   static_cast<uint64_t>(ctx->class_nms_block) * k_class_nms_tasks,
                   "malloc for anchors err"))
     return false;
 
-  // Queue nodes for the largest batch a frame submits (one task per anchor,
-  // per ROI, or ten), so that frames never allocate them. A failure here is
-  // tolerated: batches then grow the queues on demand.
-  uint64_t batch = head_rois > A ? head_rois : A;
-  if (batch < k_class_nms_tasks) batch = k_class_nms_tasks;
-  thread_pool_prepare(ctx->pool, static_cast<uint32_t>(batch));
+  // Queue nodes for the largest batch a frame submits, so that frames never
+  // allocate them. A failure here is tolerated: batches then grow the queues
+  // on demand.
+  thread_pool_prepare(ctx->pool, k_stage_tasks > k_class_nms_tasks ? k_stage_tasks : k_class_nms_tasks);
 
   if (d.is_use_qsort) return true;
   return alloc_hist(ctx, N);
@@ -180,9 +170,8 @@ void frcnn_release(frcnn_context* ctx) {
   void** buffers[] = {
       reinterpret_cast<void**>(&t.sort),          reinterpret_cast<void**>(&t.occupied),
       reinterpret_cast<void**>(&t.num),           reinterpret_cast<void**>(&t.map),
-      reinterpret_cast<void**>(&ctx->class_nms_scratch), reinterpret_cast<void**>(&ctx->stage_tasks),
-      reinterpret_cast<void**>(&ctx->rcnn_boxes), reinterpret_cast<void**>(&ctx->filter_tasks),
-      reinterpret_cast<void**>(&ctx->filter_counts), reinterpret_cast<void**>(&ctx->order_rpn_index),
+      reinterpret_cast<void**>(&ctx->class_nms_scratch), 
+      reinterpret_cast<void**>(&ctx->rcnn_boxes), reinterpret_cast<void**>(&ctx->order_rpn_index),
       reinterpret_cast<void**>(&ctx->order_buf),  reinterpret_cast<void**>(&ctx->sort_scratch),  reinterpret_cast<void**>(&ctx->nms_scratch),
       reinterpret_cast<void**>(&ctx->detections), reinterpret_cast<void**>(&ctx->rpn_cls_nopitch),
       reinterpret_cast<void**>(&ctx->anchors),

@@ -15,8 +15,6 @@ namespace ol {
 
 constexpr uint8_t k_flag_inited = 1;
 
-struct score_filter_task;  // see rpn_stage.h
-
 struct frcnn_context {
   uint8_t flags;  // bit 0: inited
   thread_pool* pool;
@@ -34,12 +32,7 @@ struct frcnn_context {
   hist_tables hist;  // only allocated when is_use_qsort is 0
 
   // Per-frame scratch that would not fit a small thread stack.
-  uint16_t* filter_scores;      // N halves: per-anchor slices of the parallel filter
-  uint32_t* filter_positions;   // N
-  uint32_t* filter_counts;      // anchor_num
-  score_filter_task* filter_tasks;  // anchor_num
   void* nms_scratch;            // nms_scratch_bytes(pre_nms_num)
-  void* stage_tasks;            // post_nms_num pooling or head-decode task records
   void* class_nms_scratch;      // ten blocks of class_nms_block bytes
   uint32_t class_nms_block;
 };

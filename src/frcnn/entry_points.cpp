@@ -60,8 +60,7 @@ int pre_nms_roi(frcnn_context* ctx, half_float::half* rpn_cls, half_float::half*
   }
   const frcnn_desc& d = ctx->desc;
   pthread_mutex_lock(&ctx->lock);
-  frcnn_roi_pool(ctx->pool, static_cast<roi_pool_task*>(ctx->stage_tasks), half_bits_ptr(nms_out),
-                 fmap, roi_result, static_cast<uint32_t>(R), d.fmap_d, d.fmap_h, d.fmap_w,
+  frcnn_roi_pool(ctx->pool, half_bits_ptr(nms_out), fmap, roi_result, static_cast<uint32_t>(R), d.fmap_d, d.fmap_h, d.fmap_w,
                  d.fmap_pitch, d.fmap_scale, d.fmap_sign, d.pool_h, d.pool_w, d.pool_pitch);
   pthread_mutex_unlock(&ctx->lock);
   return R;
@@ -87,8 +86,7 @@ int post_nms(frcnn_context* ctx, half_float::half* rcnn_cls, half_float::half* r
     return -1;
   }
   pthread_mutex_lock(&ctx->lock);
-  frcnn_rcnn_decode(ctx->pool, static_cast<rcnn_decode_task*>(ctx->stage_tasks),
-                    half_bits_ptr(nms_out), half_bits_ptr(rcnn_bbox), ctx->rcnn_boxes, d.img_h,
+  frcnn_rcnn_decode(ctx->pool, half_bits_ptr(nms_out), half_bits_ptr(rcnn_bbox), ctx->rcnn_boxes, d.img_h,
                     d.img_w, d.class_num, d.rcnn_bbox_pitch, roi_num, d.rcnn_bbox_share_location,
                     d.bbox_type, d.is_apply_bbox_scale_factor, &d.bbox_scale_factor.center_x,
                     d.is_no_rcnn_bg_bbox);

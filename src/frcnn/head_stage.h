@@ -10,12 +10,13 @@
 
 namespace ol {
 
-// ---- pooling stage: one task per ROI --------------------------------------
+// ---- pooling stage: one task per run of consecutive ROIs -------------------
 struct roi_pool_task {
-  const uint16_t* proposal;  // 4 halves
-  uint16_t* roi_result;
+  uint32_t begin, end;       // the ROIs [begin, end) of nms_out
+  const uint16_t* nms_out;   // 4 halves per ROI
+  uint16_t* roi_result;      // ROI i at element i * stride (32-bit product)
+  uint32_t stride;
   uint16_t* fmap;
-  int roi_num;
   int pool_w;
   int pool_h;
   int pool_pitch;
@@ -31,17 +32,18 @@ struct roi_pool_task {
 
 int32_t roi_pool_task_func(void* record);
 
-// records: room for n roi_pool_task (owned by the context).
-void frcnn_roi_pool(thread_pool* pool, roi_pool_task* records, const uint16_t* nms_out,
+// Task records live in this call's frame (at most k_stage_tasks).
+void frcnn_roi_pool(thread_pool* pool, const uint16_t* nms_out,
                     uint16_t* fmap, uint16_t* roi_result, uint32_t n, uint32_t fmap_d,
                     uint32_t fmap_h, uint32_t fmap_w, uint32_t fmap_pitch, uint32_t fmap_scale,
                     bool fmap_sign, uint32_t pool_h, uint32_t pool_w, uint32_t pool_pitch);
 
-// ---- head box decode: one task per ROI ------------------------------------
+// ---- head box decode: one task per run of consecutive ROIs -----------------
 struct rcnn_decode_task {
-  const uint16_t* proposal;
-  const uint16_t* rcnn_bbox;
-  float* boxes;
+  uint32_t begin, end;       // the ROIs [begin, end) of nms_out
+  const uint16_t* nms_out;   // 4 halves per ROI
+  const uint16_t* rcnn_bbox; // row i at i * rcnn_bbox_pitch
+  float* rcnn_boxes;         // class_num boxes of 4 floats per ROI
   uint32_t img_h;
   uint32_t img_w;
   uint32_t class_num;
@@ -65,8 +67,8 @@ int rcnn_bbox_decode(const uint16_t* proposal, const uint16_t* rcnn_bbox, float*
                      uint32_t bbox_type, uint32_t apply_scale_factor,
                      const float* bbox_scale_factor, uint32_t no_bg_bbox);
 
-// records: room for n rcnn_decode_task (owned by the context).
-void frcnn_rcnn_decode(thread_pool* pool, rcnn_decode_task* records, const uint16_t* nms_out,
+// Task records live in this call's frame (at most k_stage_tasks).
+void frcnn_rcnn_decode(thread_pool* pool, const uint16_t* nms_out,
                        const uint16_t* rcnn_bbox, float* rcnn_boxes, uint32_t img_h,
                        uint32_t img_w, uint32_t class_num, uint32_t rcnn_bbox_pitch, uint32_t n,
                        bool share_location, uint32_t bbox_type, bool apply_scale_factor,

@@ -1,5 +1,6 @@
 // Head box decode: one clipped float box per proposal and class from the
-// second-stage deltas, one pool task per proposal.
+// second-stage deltas; the proposals are cut into up to k_stage_tasks runs,
+// one pool task each.
 #include <math.h>
 #include <stdio.h>
 #include <string.h>
@@ -104,23 +105,29 @@ int rcnn_bbox_decode(const uint16_t* proposal, const uint16_t* rcnn_bbox, float*
 
 int32_t rcnn_decode_task_func(void* record) {
   const rcnn_decode_task* t = static_cast<const rcnn_decode_task*>(record);
-  rcnn_bbox_decode(t->proposal, t->rcnn_bbox, t->boxes, t->img_h, t->img_w, t->class_num,
-                   t->share_location, t->bbox_type, t->apply_scale_factor, t->bbox_scale_factor,
-                   t->no_bg_bbox);
+  for (uint32_t i = t->begin; i < t->end; ++i)
+    rcnn_bbox_decode(t->nms_out + 4 * static_cast<size_t>(i),
+                     t->rcnn_bbox + static_cast<size_t>(i) * t->rcnn_bbox_pitch,
+                     t->rcnn_boxes + 4 * (static_cast<size_t>(i) * t->class_num), t->img_h,
+                     t->img_w, t->class_num, t->share_location, t->bbox_type,
+                     t->apply_scale_factor, t->bbox_scale_factor, t->no_bg_bbox);
   return 0;
 }
 
-void frcnn_rcnn_decode(thread_pool* pool, rcnn_decode_task* records, const uint16_t* nms_out,
+void frcnn_rcnn_decode(thread_pool* pool, const uint16_t* nms_out,
                        const uint16_t* rcnn_bbox, float* rcnn_boxes, uint32_t img_h,
                        uint32_t img_w, uint32_t class_num, uint32_t rcnn_bbox_pitch, uint32_t n,
                        bool share_location, uint32_t bbox_type, bool apply_scale_factor,
                        const float* bbox_scale_factor, bool no_bg_bbox) {
   if (n == 0) return;
-  for (uint32_t i = 0; i < n; ++i) {
-    rcnn_decode_task& r = records[i];
-    r.proposal = nms_out + 4 * static_cast<size_t>(i);
-    r.rcnn_bbox = rcnn_bbox + static_cast<size_t>(i) * rcnn_bbox_pitch;
-    r.boxes = rcnn_boxes + 4 * (static_cast<size_t>(i) * class_num);
+  const uint32_t parts = n < k_stage_tasks ? n : k_stage_tasks;
+  rcnn_decode_task records[k_stage_tasks];
+  for (uint32_t k = 0; k < parts; ++k) {
+    rcnn_decode_task& r = records[k];
+    split_range(n, parts, k, &r.begin, &r.end);
+    r.nms_out = nms_out;
+    r.rcnn_bbox = rcnn_bbox;
+    r.rcnn_boxes = rcnn_boxes;
     r.img_h = img_h;
     r.img_w = img_w;
     r.class_num = class_num;
@@ -133,9 +140,9 @@ void frcnn_rcnn_decode(thread_pool* pool, rcnn_decode_task* records, const uint1
     r.task.func = rcnn_decode_task_func;
     r.task.arg = &r;
     r.task.retval = 0;
-    r.index = i;
+    r.index = k;
   }
-  dispatch_tasks(pool, records, n, on_refused::skip);
+  dispatch_tasks(pool, records, parts, on_refused::skip);
 }
 
 }  // namespace ol

@@ -40,11 +40,12 @@ int32_t score_filter_task_func(void* arg) {
   return 0;
 }
 
-// Foreground-only scores with the threshold: one task per anchor plane, each
-// filling its own slice of the scratch; the slices are then merged by anchor,
-// which gives exactly the serial order. The scratch lives in the context:
-// the scores in the unused upper half of rpn_cls_nopitch, the positions in
-// order_buf (not used before the sort).
+// Foreground-only scores with the threshold: the anchor planes are cut into
+// up to k_stage_tasks runs of consecutive planes, one task each, each
+// filling its own slice of the scratch; the slices are then merged in anchor
+// order, which gives exactly the serial order. The scratch lives in the
+// context: the scores in the unused upper half of rpn_cls_nopitch, the
+// positions in order_buf (not used before the sort).
 uint32_t parallel_filter(frcnn_context* ctx, const uint16_t* rpn_cls, uint16_t T) {
   const frcnn_desc& d = ctx->desc;
   const uint32_t A = d.anchor_num, H = d.fmap_h, W = d.fmap_w, Pc = d.rpn_cls_pitch;
@@ -52,32 +53,36 @@ uint32_t parallel_filter(frcnn_context* ctx, const uint16_t* rpn_cls, uint16_t T
   if (A == 0) return 0;
   uint16_t* slice_scores = ctx->rpn_cls_nopitch + static_cast<size_t>(A) * HW;
   uint32_t* slice_positions = ctx->order_buf;
-  score_filter_task* tasks = ctx->filter_tasks;
-  for (uint32_t a = 0; a < A; ++a) {
-    score_filter_task& t = tasks[a];
+  const uint32_t parts = A < k_stage_tasks ? A : k_stage_tasks;
+  score_filter_task tasks[k_stage_tasks];
+  uint32_t counts[k_stage_tasks];
+  for (uint32_t k = 0; k < parts; ++k) {
+    uint32_t a0, a1;
+    split_range(A, parts, k, &a0, &a1);
+    score_filter_task& t = tasks[k];
     t.threshold = T;
-    t.src = rpn_cls + static_cast<size_t>(a) * H * Pc;
-    t.scores = slice_scores + static_cast<size_t>(a) * HW;
-    t.positions = slice_positions + static_cast<size_t>(a) * HW;
-    t.count = &ctx->filter_counts[a];
+    t.src = rpn_cls + static_cast<size_t>(a0) * H * Pc;
+    t.scores = slice_scores + static_cast<size_t>(a0) * HW;
+    t.positions = slice_positions + static_cast<size_t>(a0) * HW;
+    t.count = &counts[k];
     t.pitch = Pc;
     t.W = W;
     t.H = H;
-    t.planes = 1;
-    t.first_position = a * HW;
-    t.index = a;
+    t.planes = a1 - a0;
+    t.first_position = a0 * HW;
+    t.index = k;
     t.task.func = score_filter_task_func;
     t.task.arg = &t;
     t.task.retval = 0;
   }
-  // A refused anchor is scanned on this thread, so the list is always the
+  // A refused run is scanned on this thread, so the list is always the
   // serial one.
-  dispatch_tasks(ctx->pool, tasks, A, on_refused::run_inline);
+  dispatch_tasks(ctx->pool, tasks, parts, on_refused::run_inline);
   uint32_t m = 0;
-  for (uint32_t a = 0; a < A; ++a) {
-    const uint32_t c = ctx->filter_counts[a];
-    memmove(ctx->rpn_cls_nopitch + m, tasks[a].scores, c * sizeof(uint16_t));
-    memcpy(ctx->order_rpn_index + m, tasks[a].positions, c * sizeof(uint32_t));
+  for (uint32_t k = 0; k < parts; ++k) {
+    const uint32_t c = counts[k];
+    memmove(ctx->rpn_cls_nopitch + m, tasks[k].scores, c * sizeof(uint16_t));
+    memcpy(ctx->order_rpn_index + m, tasks[k].positions, c * sizeof(uint32_t));
     m += c;
   }
   return m;

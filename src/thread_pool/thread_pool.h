@@ -88,6 +88,19 @@ int thread_pool_prepare(thread_pool* pool, uint32_t tasks);
 void thread_pool_destroy(thread_pool* pool);
 void* thread_pool_worker(void* pool);
 
+// Most tasks a stage cuts one batch of per-item work (anchors, ROIs) into:
+// enough to balance the largest pool, few enough that the task records fit
+// the calling thread's stack and the queues never grow past what init
+// prepared.
+constexpr uint32_t k_stage_tasks = 64;
+
+// Items [*begin, *end) of part k when n items are cut into `parts` parts as
+// evenly as possible, in order.
+inline void split_range(uint32_t n, uint32_t parts, uint32_t k, uint32_t* begin, uint32_t* end) {
+  *begin = static_cast<uint32_t>(static_cast<uint64_t>(n) * k / parts);
+  *end = static_cast<uint32_t>(static_cast<uint64_t>(n) * (k + 1) / parts);
+}
+
 // How a refused task is handled by dispatch_tasks.
 enum class on_refused { skip, run_inline };
 

@@ -138,42 +138,45 @@ const float k_scale[4] = {0.1f, 0.1f, 0.2f, 0.2f};
 std::vector<float> run_stage(uint32_t threads, const decode_frame& fr, uint32_t capacity,
                              bool share, uint32_t type, bool no_bg, std::string* printed) {
   ol::thread_pool* pool = ol::thread_pool_create(threads);
-  std::vector<ol::rcnn_decode_task> records(capacity);
   std::vector<float> boxes = poisoned(4 * static_cast<size_t>(capacity) * fr.classes);
   ol_test::stdout_capture cap;
-  ol::frcnn_rcnn_decode(pool, records.data(), fr.nms_out.data(), fr.deltas.data(), boxes.data(),
+  ol::frcnn_rcnn_decode(pool, fr.nms_out.data(), fr.deltas.data(), boxes.data(),
                         600, 800, fr.classes, fr.pitch, fr.n, share, type, true, k_scale, no_bg);
   *printed = cap.end();
   ol::thread_pool_destroy(pool);
   return boxes;
 }
 
-// Every mode, 1 and 8 workers: each proposal's slots equal a direct call of
-// the kernel, and the slots of proposals n .. capacity-1 stay untouched.
+// Every mode, 1 and 8 workers, fewer proposals than tasks and more (uneven
+// runs): each proposal's slots equal a direct call of the kernel, and the
+// slots of proposals n .. capacity-1 stay untouched.
 // No proposal or a bad type writes nothing; the bad type prints once per
 // proposal.
 TEST(FrcnnRcnnDecode, StageMatchesKernelForAnyThreadCount) {
-  decode_frame fr = make_frame(37, 6, 3);
-  const uint32_t capacity = 40;
   std::string printed;
-  for (int mode = 0; mode < 4; ++mode) {
-    const bool share = mode & 1, no_bg = mode & 2;
-    std::vector<float> want = poisoned(4 * capacity * fr.classes);
-    for (uint32_t i = 0; i < fr.n; ++i)
-      ol::rcnn_bbox_decode(&fr.nms_out[4 * i], &fr.deltas[i * fr.pitch], &want[4 * i * fr.classes],
-                           600, 800, fr.classes, share, 1, 1, k_scale, no_bg);
-    for (uint32_t threads : {1u, 8u}) {
-      const std::vector<float> got = run_stage(threads, fr, capacity, share, 1, no_bg, &printed);
-      ASSERT_EQ(0, memcmp(want.data(), got.data(), want.size() * sizeof(float)))
-          << "mode " << mode << " threads " << threads;
-      EXPECT_EQ("", printed);
+  for (const uint32_t n : {37u, 203u}) {
+    decode_frame fr = make_frame(n, 6, 3);
+    const uint32_t capacity = n + 3;
+    for (int mode = 0; mode < 4; ++mode) {
+      const bool share = mode & 1, no_bg = mode & 2;
+      std::vector<float> want = poisoned(4 * capacity * fr.classes);
+      for (uint32_t i = 0; i < fr.n; ++i)
+        ol::rcnn_bbox_decode(&fr.nms_out[4 * i], &fr.deltas[i * fr.pitch], &want[4 * i * fr.classes],
+                             600, 800, fr.classes, share, 1, 1, k_scale, no_bg);
+      for (uint32_t threads : {1u, 8u}) {
+        const std::vector<float> got = run_stage(threads, fr, capacity, share, 1, no_bg, &printed);
+        ASSERT_EQ(0, memcmp(want.data(), got.data(), want.size() * sizeof(float)))
+            << "mode " << mode << " threads " << threads;
+        EXPECT_EQ("", printed);
+      }
+      std::vector<float> got = run_stage(2, fr, capacity, share, 2, no_bg, &printed);
+      expect_poisoned(got.data(), got.size());
+      std::string line = "Unsupported bbox type: 2\n", lines;
+      for (uint32_t i = 0; i < fr.n; ++i) lines += line;
+      EXPECT_EQ(lines, printed);
     }
-    std::vector<float> got = run_stage(2, fr, capacity, share, 2, no_bg, &printed);
-    expect_poisoned(got.data(), got.size());
-    std::string line = "Unsupported bbox type: 2\n", lines;
-    for (uint32_t i = 0; i < fr.n; ++i) lines += line;
-    EXPECT_EQ(lines, printed);
   }
+  decode_frame fr = make_frame(4, 6, 3);
   fr.n = 0;
   const std::vector<float> got = run_stage(2, fr, 5, false, 0, false, &printed);
   expect_poisoned(got.data(), got.size());

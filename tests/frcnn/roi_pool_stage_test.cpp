@@ -36,20 +36,21 @@ std::vector<uint16_t> run_stage(uint32_t n, uint32_t fmap_d, bool sign, uint32_t
                                             direct->data() + i * block, 1, 7, 7, 0, 16, 0, fmap_h,
                                             fmap_w, static_cast<int>(fmap_d));
   ol::thread_pool* pool = ol::thread_pool_create(threads);
-  std::vector<ol::roi_pool_task> records(n + 1);
   std::vector<uint16_t> out(direct->size(), k_poison);
-  ol::frcnn_roi_pool(pool, records.data(), rois.data(), fmap.data(), out.data(), n, fmap_d, fmap_h,
+  ol::frcnn_roi_pool(pool, rois.data(), fmap.data(), out.data(), n, fmap_d, fmap_h,
                      fmap_w, 99 /*fmap_pitch*/, 16, sign, 7, 7, 77 /*pool_pitch*/);
   ol::thread_pool_destroy(pool);
   return out;
 }
 
-// Both operators, 1 and 4 workers, channel counts that fill their last
+// Both operators, 1 and 4 workers, fewer ROIs than tasks and more (uneven
+// runs), channel counts that fill their last
 // 16-channel block or not (fmap_d 40: the last 8 * 49 elements of each
 // block stay untouched), and no ROI at all.
 TEST(FrcnnRoiPool, BlocksEqualDirectCallsForAnyThreadCount) {
   const struct { uint32_t n, fmap_d; bool sign; } cases[] = {
-      {25, 32, false}, {25, 32, true}, {4, 40, true}, {5, 40, false}, {0, 16, false}};
+      {25, 32, false}, {25, 32, true}, {4, 40, true}, {5, 40, false}, {0, 16, false},
+      {131, 16, true}};
   for (const auto& c : cases)
     for (uint32_t threads : {1u, 4u}) {
       SCOPED_TRACE(testing::Message() << c.n << " " << c.fmap_d << " " << c.sign << " " << threads);
