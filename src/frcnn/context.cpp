@@ -82,7 +82,7 @@ bool alloc_buffers(frcnn_context* ctx, const float* base_anchors) {
                    d.fmap_w, d.is_anchor_bbox_suppress, d.img_h, d.img_w);
 
   // rpn_cls_nopitch holds N candidate scores in its lower half; the parallel
-  // filter uses the upper half for its per-anchor slices.
+  // filter uses the upper half for the slices of its runs of anchors.
   if (!alloc_into(ctx->rpn_cls_nopitch, sat_mul(N, 4), "malloc for rpn cls nopitch err")) return false;
   // detections, and beside it the scratch of the suppression that reads it.
   if (!alloc_into(ctx->detections, pre * 10, "malloc for detections err") ||

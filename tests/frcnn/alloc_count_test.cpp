@@ -115,7 +115,7 @@ TEST(alloc_count, steady_state_frames_allocate_nothing) {
     SCOPED_TRACE(testing::Message() << "qsort " << qsort << " global " << global);
     frcnn_desc d = ol_test::mobile_desc(3, qsort);
     d.fmap_d = 32;
-    d.is_filter_rpn_cls = 1;  // the parallel filter, one task per anchor
+    d.is_filter_rpn_cls = 1;  // the parallel filter over runs of anchors
     d.is_rpn_cls_fg_only = 1;
     d.rpn_cls_threshold = 0.05f;
     void* h = global ? nullptr : opt_layers_instance_frcnn_init(&d, anchors.data());

@@ -1,5 +1,6 @@
-// Pooling stage: one task per ROI, each block equal to a direct call of the
-// ROI pooling operator on that box, at the right offset, nothing else written.
+// Pooling stage: the ROIs cut into runs, one task each; each block equal to a
+// direct call of the ROI pooling operator on that box, at the right offset,
+// nothing else written.
 // ctest-labels: threaded
 #include <string.h>
 
