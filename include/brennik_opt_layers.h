@@ -296,9 +296,8 @@ OPT_LAYERS_API int opt_layers_instance_frcnn_prenms_nms(void* handle, half_float
 // post_nms: decodes rcnn_bbox (rcnn_bbox_pitch halves per ROI) against
 // nms_out, suppresses per class with rcnn_cls (rcnn_cls_pitch halves per
 // ROI) and fills rcnn_result: class_num counts (as halves, rounded down
-// above 2048), then per class
-// c a block of post_nms_num detection records (5 halves) starting at
-// class_num + 5*post_nms_num*c. Returns 0 or -1.
+// above 2048), then per class c a block of post_nms_num detection records
+// (5 halves) starting at class_num + 5*post_nms_num*c. Returns 0 or -1.
 // ---------------------------------------------------------------------------
 OPT_LAYERS_API int opt_layers_frcnn_pre_nms_roi(half_float::half* rpn_cls, half_float::half* rpn_bbox,
                                                 unsigned short* fmap, unsigned short* roi_result,
