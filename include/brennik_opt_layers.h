@@ -6,8 +6,10 @@
 // the binary interface.
 //
 // Conventions shared by every function:
-//  * failures are reported by a return value (-1 or NULL) and one line on
-//    standard output; nothing throws;
+//  * failures are reported by a return value (-1 or NULL) and one or more
+//    lines on standard output (a stage failure is followed by its caller's
+//    line; a few system errors go through perror to standard error);
+//    nothing throws;
 //  * the library owns the pipeline context (init to exit); the caller owns
 //    every array it passes, outputs included;
 //  * a pipeline frame allocates nothing on the heap in steady state.
@@ -141,20 +143,25 @@ inline half_float::half from_bits(uint16_t u) {
 //
 // Sizes derived from the record are 32-bit unsigned products: with
 // N = anchor_num * fmap_h * fmap_w, init allocates N*16, N*4 (three times,
-// four with is_use_qsort), pre_nms_num*18, post_nms_num*class_num*16 and
-// about 630 bytes per ROI for the class suppression (at most 32767 ROIs
+// four with is_use_qsort), pre_nms_num*10 plus about 20 bytes per proposal
+// for the suppression (at most 32767 counted), post_nms_num*class_num*16
+// and about 630 bytes per ROI for the class suppression (at most 32767 ROIs
 // counted); without is_use_qsort also about 18 MiB of histogram tables and
-// N*20 bytes of overflow nodes. Init computes every size in 64
-// bits and refuses (with the allocation message of the buffer concerned,
-// before allocating it) any configuration with a buffer of 4 GiB or more,
-// which covers every product that would wrap in 32 bits. img_w and img_h
+// N*20 bytes of overflow nodes. Init computes every size in 64 bits and
+// refuses (with an allocation message, shared by some buffers, before
+// allocating it) any configuration with a buffer of 4 GiB or more, which
+// covers every product that would wrap in 32 bits. The caller's roi_result
+// is addressed with 32-bit element offsets: keep post_nms_num * pool_h *
+// pool_w * fmap_d below 2^32. img_w and img_h
 // must not exceed 32767, and post_nms_num and pre_nms_num must not exceed
 // 32767 (the suppression counts are 16-bit: a proposal count between 32768
 // and 65535 gives no ROI, and the head stage handles at most 32767 ROIs per
 // class). Other values are accepted and never index outside the buffers:
 // zero sizes (empty maps find nothing), class_num 0 (post_nms writes
-// nothing; rcnn_result then needs no room) or 1, any bbox_type (rejected by
-// the decoding stages), row pitches below the row width (rows overlap; the
+// nothing; rcnn_result then needs no room) or 1, any bbox_type (above 1,
+// prenms fails with -1 when there are candidates; post_nms prints
+// "Unsupported bbox type: %u" once per ROI, still returns 0 and its table
+// is then meaningless), row pitches below the row width (rows overlap; the
 // tensors must then hold (rows - 1) * pitch + width elements), and NaN or
 // infinite values anywhere (a NaN box coordinate is clamped to L - 1).
 // Caller arrays: rpn_cls 2*anchor_num (anchor_num with is_rpn_cls_fg_only
@@ -408,8 +415,9 @@ OPT_LAYERS_API int crop_and_resize_fmap_int16(short* fmap, float scale_x, float 
 // floats; output: per box group_size^2 cells of out_pitch floats, of which
 // the first out_channels are written (with out_channels = 21, floats 21 ..
 // out_pitch - 1 of non-empty cells keep their contents; otherwise the whole
-// output region is zeroed first). channels is only checked against
-// group_size^2 * out_channels. fmap_pitch and out_pitch must not be below
+// output region is zeroed first). group_size must equal pooled_w and
+// pooled_h, and channels group_size^2 * out_channels (otherwise a message
+// and -1). fmap_pitch and out_pitch must not be below
 // out_channels (not checked); an output region that is empty (a zero or
 // negative out_pitch or pooled size) is left alone, and a negative
 // fmap_pitch is read as an empty map. Bins clamped to nothing, boxes
