@@ -170,10 +170,10 @@ void frcnn_release(frcnn_context* ctx) {
   void** buffers[] = {
       reinterpret_cast<void**>(&t.sort),          reinterpret_cast<void**>(&t.occupied),
       reinterpret_cast<void**>(&t.num),           reinterpret_cast<void**>(&t.map),
-      reinterpret_cast<void**>(&ctx->class_nms_scratch), 
-      reinterpret_cast<void**>(&ctx->rcnn_boxes), reinterpret_cast<void**>(&ctx->order_rpn_index),
-      reinterpret_cast<void**>(&ctx->order_buf),  reinterpret_cast<void**>(&ctx->sort_scratch),  reinterpret_cast<void**>(&ctx->nms_scratch),
-      reinterpret_cast<void**>(&ctx->detections), reinterpret_cast<void**>(&ctx->rpn_cls_nopitch),
+      reinterpret_cast<void**>(&ctx->class_nms_scratch), reinterpret_cast<void**>(&ctx->rcnn_boxes),
+      reinterpret_cast<void**>(&ctx->order_rpn_index),   reinterpret_cast<void**>(&ctx->order_buf),
+      reinterpret_cast<void**>(&ctx->sort_scratch),      reinterpret_cast<void**>(&ctx->nms_scratch),
+      reinterpret_cast<void**>(&ctx->detections),        reinterpret_cast<void**>(&ctx->rpn_cls_nopitch),
       reinterpret_cast<void**>(&ctx->anchors),
   };
   for (void** b : buffers) {
