@@ -27,6 +27,7 @@ constexpr uint64_t k_max_count = 150000;         // allocations per series
 constexpr uint64_t k_max_elems = 4ull << 20;     // elements of a caller array
 constexpr uint64_t k_max_positions = 1ull << 16; // N for running frames
 constexpr uint64_t k_live_rows = 600;             // head rows whose scores stay as drawn
+constexpr uint64_t k_max_pool_reads = 1ull << 28; // ROIs x map elements for pooling
 
 std::atomic<uint64_t> g_bytes{0}, g_count{0};
 
@@ -145,7 +146,10 @@ frame_inputs plan_frames(const frcnn_desc& d, FuzzedDataProvider& in) {
   // roi_result holds pool_h * pool_w * fmap_d elements per ROI (the stage
   // steps by that; the operator fills the whole 16-channel blocks of it).
   p.roi_n = blocks == 0 ? 0 : mul(mul(mul(ph, pw), d.fmap_d), max_rois);
-  p.can_pool = p.fmap_n <= k_max_elems && p.roi_n <= k_max_elems;
+  // Each ROI may cover the whole map: thousands of ROIs over a map of
+  // millions of elements would take many minutes under the sanitizers.
+  p.can_pool = p.fmap_n <= k_max_elems && p.roi_n <= k_max_elems &&
+               mul(p.fmap_n, max_rois) <= k_max_pool_reads;
   const uint8_t nc = in.ConsumeIntegral<uint8_t>();
   p.null_case = nc < 240 ? 0 : 1 + nc % 8;
   return p;
