@@ -54,7 +54,9 @@ for t in "${targets[@]}"; do
   # (LeakSanitizer, valgrind) instead.
   # The pipeline's run time per input spans four orders of magnitude (a few
   # ROIs to tens of thousands): inputs that run faster are scheduled more.
-  extra=()
+  # No input may take two minutes even under the sanitizers: anything slower
+  # is reported as a hang (a timeout crash) rather than stalling the run.
+  extra=(-timeout=120)
   [ "$t" = pipeline ] && extra+=(-detect_leaks=0 -entropic_scale_per_exec_time=1)
   "$bin" -runs="$runs" -max_total_time="$secs" -len_control=0 -rss_limit_mb=4096 \
     -print_final_stats=1 -artifact_prefix="$dir/crash-$t-" "${extra[@]}" "$dir/corpus/$t" \
