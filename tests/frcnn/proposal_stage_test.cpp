@@ -124,6 +124,18 @@ frcnn_desc small_config(uint8_t threads, bool qsort) {
   return d;
 }
 
+// One anchor over a single row of `width` positions.
+frcnn_desc one_row_config(bool qsort, uint32_t width, uint32_t pre_nms, float min_size) {
+  frcnn_desc d = small_config(2, qsort);
+  d.anchor_num = 1;
+  d.fmap_h = 1;
+  d.fmap_w = width;
+  d.rpn_cls_pitch = d.fmap_pitch = width;
+  d.pre_nms_num = pre_nms;
+  d.min_size = min_size;
+  return d;
+}
+
 // The candidate list and the whole stage against the direct formulation, in
 // every mode (mode 3: both flags, the difference wins), with and without the
 // threshold (truncated to half, strict), among signed zeros, negatives,
@@ -199,14 +211,7 @@ TEST(proposal_stage, matches_direct_formulation) {
 // nothing is left.
 TEST(proposal_stage, refill_replaces_dropped_candidates) {
   for (bool qsort : {false, true}) {
-    frcnn_desc d = small_config(2, qsort);
-    d.anchor_num = 1;
-    d.fmap_h = 1;
-    d.fmap_w = 10;
-    d.rpn_cls_pitch = d.fmap_pitch = 10;
-    d.pre_nms_num = 3;
-    d.min_size = 16;
-    handle h(d, {0, 0, 31, 31});
+    handle h(one_row_config(qsort, 10, 3, 16), {0, 0, 31, 31});
     std::vector<uint16_t> cls(20, 0), bbox(40, 0);
     for (int x = 0; x < 10; ++x) cls[10 + x] = oh::from_float_round(0.9f - 0.05f * x);
     bbox[20 + 1] = oh::from_float_round(-3.0f);  // dw of x = 1: width 32 * e^-3 < 15
@@ -218,7 +223,6 @@ TEST(proposal_stage, refill_replaces_dropped_candidates) {
     EXPECT_EQ(p[14], cls[13]);
     for (int x = 0; x < 10; ++x) f.bbox[20 + x] = oh::from_float_round(-5.0f);
     EXPECT_EQ(run_prenms(h.h, f).size(), 0u);
-
   }
 }
 
@@ -227,13 +231,7 @@ TEST(proposal_stage, refill_replaces_dropped_candidates) {
 // Only those are decoded: no duplicate of a stale order entry (zeros after
 // init, the previous frame's numbers after that).
 TEST(proposal_stage, never_visited_bucket_gives_no_stale_proposal) {
-  frcnn_desc d = small_config(2, false);
-  d.anchor_num = 1;
-  d.fmap_h = 1;
-  d.fmap_w = 2;
-  d.rpn_cls_pitch = d.fmap_pitch = 2;
-  d.pre_nms_num = 4;
-  d.min_size = 0;
+  frcnn_desc d = one_row_config(false, 2, 4, 0);
   d.is_filter_rpn_cls = 0;
   handle h(d, {0, 0, 15, 15});
   ol_test::rpn_frame f{std::vector<uint16_t>(4, 0), std::vector<uint16_t>(8, 0)};
