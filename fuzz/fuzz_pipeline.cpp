@@ -179,14 +179,15 @@ struct frame_data {
     // The class suppression is quadratic in the ROIs that take part in it:
     // those scored above cls_prob, or all of them when a score is NaN. In the
     // rare inputs with thousands of ROIs only the first rows take part (past
-    // them the scores are -1, never kept, and no score is NaN), so that such
-    // an input runs in a second rather than a minute; the scans and clamps
-    // over all the ROIs still run.
+    // them the scores are -inf, at or below any cls_prob but NaN, which the
+    // caller rules out for them, and no score is NaN), so that such an input
+    // runs in a second rather than many minutes; the scans and clamps over
+    // all the ROIs still run.
     const size_t live = k_live_rows * rcnn_cls_pitch;
     if (rcls.size() > live) {
       for (size_t i = 0; i < live; ++i)
         if ((rcls[i] & 0x7FFF) > 0x7C00) rcls[i] = 0x3800;
-      for (size_t i = live; i < rcls.size(); ++i) rcls[i] = 0xBC00;
+      for (size_t i = live; i < rcls.size(); ++i) rcls[i] = 0xFC00;
     }
     fill_halves(rbbox, in, direct, f, 2.0f);
   }
@@ -259,6 +260,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const uint64_t N = mul(mul(d.anchor_num, d.fmap_h), d.fmap_w);
   if (d.anchor_num > 1024 && N > 0 && mul(N, 16) <= 0xFFFFFFFFull && d.anchor_num <= 0x7FFFFFFFu)
     d.anchor_num %= 1025;
+  // A NaN cls_prob keeps every score, so no head row can be left out of the
+  // quadratic class suppression: it only comes with few rows.
+  if (d.cls_prob != d.cls_prob && d.post_nms_num > k_live_rows) d.cls_prob = -__builtin_inff();
   const frcnn_desc original = d;
   buffer<float> base(4ull * std::min<uint32_t>(d.anchor_num, 1024));
   filler f(size);
