@@ -9,10 +9,7 @@
 
 using namespace ol_fuzz;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  silence_stdout();
-  return 0;
-}
+OL_FUZZ_SILENT_INIT()
 
 namespace {
 

@@ -10,10 +10,7 @@
 
 using namespace ol_fuzz;
 
-extern "C" int LLVMFuzzerInitialize(int*, char***) {
-  silence_stdout();
-  return 0;
-}
+OL_FUZZ_SILENT_INIT()
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   FuzzedDataProvider in(data, size);

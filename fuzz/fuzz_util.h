@@ -20,6 +20,14 @@ inline void silence_stdout() {
   if (freopen("/dev/null", "w", stdout) == nullptr) perror("freopen");
 }
 
+// libFuzzer's start-up hook for targets that need nothing but a silent
+// standard output.
+#define OL_FUZZ_SILENT_INIT()                                \
+  extern "C" int LLVMFuzzerInitialize(int*, char***) {      \
+    ol_fuzz::silence_stdout();                              \
+    return 0;                                               \
+  }
+
 // Aborts the run with a message: a property of the library does not hold.
 #define OL_FUZZ_CHECK(cond)                                                   \
   do {                                                                        \
