@@ -1,9 +1,10 @@
 #include <stdio.h>
 
 #include "brennik_opt_layers.h"
+#include "ol_version.h"
 
 namespace {
-const char k_description[] = "Norvantix Faster RCNN Library";
+const char k_description[] = OL_DESCRIPTION;
 }
 
 int opt_layers_get_version(opt_layers_version* version) {
@@ -11,10 +12,10 @@ int opt_layers_get_version(opt_layers_version* version) {
     puts("Version pointer is NULL");
     return -1;
   }
-  version->major = 1;
-  version->minor = 1;
-  version->patch = 2;
-  version->build_date = 0x20191230;
+  version->major = OL_VERSION_MAJOR;
+  version->minor = OL_VERSION_MINOR;
+  version->patch = OL_VERSION_PATCH;
+  version->build_date = OL_BUILD_DATE;
   version->description = k_description;
   return 0;
 }
