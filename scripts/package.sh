@@ -77,15 +77,16 @@ make_debs() {
   }
 
   # Runtime dependencies of the ELF files given, from the shlibs and symbols
-  # files of the libraries they link; a cross build's libraries come from
-  # the cross toolchain (/usr/<triplet>/lib), whose shlibs name the packages
-  # with an architecture qualifier.
+  # files of the libraries they link: this build's library (for the Python
+  # module) from the runtime package staged here, a cross build's system
+  # libraries from the cross toolchain (/usr/<triplet>/lib), whose shlibs
+  # name the packages with an architecture qualifier.
   shlib_depends() {
     local dir
     dir=$(mktemp -d)
     mkdir "$dir/debian"
     touch "$dir/debian/control"
-    (cd "$dir" && dpkg-shlibdeps -O -l"/usr/$ol_multiarch/lib" "$@") |
+    (cd "$dir" && dpkg-shlibdeps -O -S"$stage/$lib" -l"/usr/$ol_multiarch/lib" "$@") |
       sed -n "s/^shlibs:Depends=//; s/:$arch//g; p"
     rm -rf "$dir"
   }
@@ -109,7 +110,12 @@ This package contains the shared library."
 This package contains the header, the CMake package and the pkg-config
 file."
   if [ "$ol_python" = ON ] && [ "$arch" = amd64 ]; then
-    one_deb python3-brennik-opt-layers python python "$lib (= $deb_version), python3" "" \
+    # An extension module tagged cpython-3XY loads only in Python 3.XY.
+    local py=python3 tag pkg=python3-brennik-opt-layers
+    DESTDIR=$stage/$pkg cmake --install "$build" --prefix /usr --component python >/dev/null
+    tag=$(find "$stage/$pkg" -name '*.so' | grep -o 'cpython-3[0-9]*' | head -n 1)
+    [ -n "$tag" ] && py="python3 (>= 3.${tag#cpython-3}~), python3 (<< 3.$((${tag#cpython-3} + 1)))"
+    one_deb $pkg python python "$py" "" \
       "Faster R-CNN post-processing layers (Python 3 module)" "$about
 
 This package contains the Python 3 module."
@@ -143,17 +149,18 @@ done
 status=0
 echo "=== lintian"
 for deb in "${debs[@]}"; do
-  lintian --fail-on error "$deb" || status=1
+  lintian --fail-on error "$deb" 2> >(grep -v 'running with root privileges' >&2) || status=1
 done
 
 echo "=== arm64 library"
+. "$out/arm64/package.env"
+soname=libbrennik_opt_layers.so.$ol_soversion
 root=$(mktemp -d)
 trap 'rm -rf "$root"' EXIT
-dpkg-deb -x "$out"/debs/libbrennik-opt-layers1_*_arm64.deb "$root"
-so=$root/usr/lib/aarch64-linux-gnu/libbrennik_opt_layers.so.1
+dpkg-deb -x "$out/debs/libbrennik-opt-layers${ol_soversion}_$ol_version-1_arm64.deb" "$root"
+so=$root/usr/$ol_libdir/$soname
 readelf -h "$so" | grep -q 'Machine:.*AArch64' || { echo "$so: not an aarch64 ELF"; status=1; }
-readelf -d "$so" | grep -q 'SONAME.*\[libbrennik_opt_layers.so.1\]' ||
-  { echo "$so: wrong SONAME"; status=1; }
+readelf -d "$so" | grep -q "SONAME.*\[$soname\]" || { echo "$so: SONAME is not $soname"; status=1; }
 echo "=== amd64 packages: consumer"
 tests/install_check.sh "$out/amd64" "$src" deb || status=1
 
