@@ -14,6 +14,7 @@
 #   scripts/package.sh --from BUILD OUTDIR    only package an existing build
 #                                             tree (nothing is rebuilt)
 set -euo pipefail
+shopt -s inherit_errexit
 src=$(cd "$(dirname "$0")/.." && pwd)
 maintainer="Norvantix packaging <packaging@norvantix.example>"
 
@@ -143,7 +144,8 @@ for arch in amd64 arm64; do
   if ! { cmake -S . -B "$dir" -G Ninja "${args[@]}" && cmake --build "$dir" -j2; } >"$dir.log" 2>&1; then
     tail -n 40 "$dir.log"; echo "package.sh: the $arch build failed (log $dir.log)" >&2; exit 1
   fi
-  mapfile -t -O ${#debs[@]} debs < <(make_debs "$dir" "$out/debs")
+  made=$(make_debs "$dir" "$out/debs")
+  mapfile -t -O ${#debs[@]} debs <<<"$made"
 done
 
 status=0

@@ -14,7 +14,8 @@ trap 'rm -rf "$tmp"' EXIT
 fail() { echo "install check: $*"; exit 1; }
 if [ "${3:-}" = deb ]; then
   prefix=$tmp/root/usr
-  for deb in $("$src/scripts/package.sh" --from "$build" "$tmp/debs"); do
+  debs=$("$src/scripts/package.sh" --from "$build" "$tmp/debs")
+  for deb in $debs; do
     dpkg-deb -x "$deb" "$tmp/root"
     [ "$(dpkg-deb -f "$deb" Version)" = "$ol_version-1" ] || fail "$deb: version"
   done
