@@ -34,7 +34,7 @@ run_build() {  # name, ctest args, cmake args...
 }
 
 mkdir -p "$out"
-run_build native "" -DCMAKE_BUILD_TYPE=Release
+run_build native "" -DCMAKE_BUILD_TYPE=Release -DOL_BUILD_PYTHON=ON
 run_build asan-ubsan "" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOL_SANITIZE=address
 # ThreadSanitizer needs a fixed address-space layout on kernels with high
 # mmap randomisation.
