@@ -7,6 +7,11 @@ src=$2
 tmp=$(mktemp -d)
 trap 'rm -rf "$tmp"' EXIT
 cmake --install "$build" --prefix "$tmp/prefix" >/dev/null
+# The Python module, when built, finds the installed library by itself.
+for m in "$tmp"/prefix/lib/python3/dist-packages/brennik_opt_layers*.so; do
+  [ -e "$m" ] && PYTHONPATH="$(dirname "$m")" /usr/bin/python3 -c \
+    "import brennik_opt_layers as m; assert m.__file__ == '$m' and m.version()['major'] == 1"
+done
 cmake -S "$src/examples/consumer" -B "$tmp/consumer" -DCMAKE_PREFIX_PATH="$tmp/prefix" >/dev/null
 cmake --build "$tmp/consumer" >/dev/null
 LD_LIBRARY_PATH="$tmp/prefix/lib" "$tmp/consumer/consumer"
