@@ -402,7 +402,8 @@ uint32_t bbox_sets(const frcnn_desc& d) {
 desc_py make_desc(const py::kwargs& kw) {
   desc_py r;
   frcnn_desc& d = r.d;
-  d.thread_num = static_cast<uint8_t>(std::min(32u, std::max(1u, std::thread::hardware_concurrency())));
+  const unsigned cpus = std::thread::hardware_concurrency();
+  d.thread_num = static_cast<uint8_t>(std::min(32u, std::max(1u, cpus)));
   d.anchor_num = 9;
   d.pre_nms_num = 6000;
   d.post_nms_num = 300;
@@ -564,7 +565,7 @@ class pipeline {
       const int n = opt_layers_instance_frcnn_prenms(h, rpn_in.cls(), rpn_in.bbox(), &records);
       // The records live in the context until its next stage call: copy
       // them while this call still holds the handle.
-      if (n > 0) memcpy(ptr<uint16_t>(out), records, static_cast<size_t>(n) * 10);
+      if (n > 0) memcpy(ptr<uint16_t>(out), records, std::min<size_t>(n, d_.pre_nms_num) * 10);
       return n;
     });
     return rows(out, k);
@@ -707,11 +708,13 @@ fmap_pitch are passed on and unused.)doc";
   m.def("roi_pooling", &roi_pooling_py<false>, py::arg("proposal"), py::arg("fmap"),
         py::arg("fmap_scale"), py::arg("pool_w"), py::arg("pool_h"), py::arg("pool_pitch") = 0,
         py::arg("fmap_pitch") = 0,
-        (std::string(pool_doc) + "\nfmap is uint16, compared unsigned; an empty bin gives 0.").c_str());
+        (std::string(pool_doc) + "\nfmap is uint16, compared unsigned; an empty bin gives 0.")
+            .c_str());
   m.def("roi_pooling_sign", &roi_pooling_py<true>, py::arg("proposal"), py::arg("fmap"),
         py::arg("fmap_scale"), py::arg("pool_w"), py::arg("pool_h"), py::arg("pool_pitch") = 0,
         py::arg("fmap_pitch") = 0,
-        (std::string(pool_doc) + "\nfmap is int16, compared signed; an empty bin gives -32768.").c_str());
+        (std::string(pool_doc) + "\nfmap is int16, compared signed; an empty bin gives -32768.")
+            .c_str());
 
   m.def("roi_align_fmap_int16", &roi_align_py, py::arg("fmap"), py::arg("fmap_scale"),
         py::arg("proposal"), py::arg("pool_w"), py::arg("pool_h"),
