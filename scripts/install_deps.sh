@@ -5,7 +5,8 @@ set -euo pipefail
 pkgs=(cmake ninja-build g++ make googletest libgtest-dev libbenchmark-dev
       g++-aarch64-linux-gnu qemu-user clang libclang-rt-14-dev
       libpng-dev nlohmann-json3-dev libstb-dev valgrind pkg-config
-      abigail-tools dpkg-dev lintian)
+      abigail-tools dpkg-dev lintian
+      pybind11-dev python3-pybind11 python3-numpy python3-pytest python3-torchvision)
 missing=()
 for p in "${pkgs[@]}"; do
   dpkg-query -W -f='${Status}' "$p" 2>/dev/null | grep -q "install ok installed" || missing+=("$p")

@@ -34,8 +34,8 @@ run_build() {  # name, ctest args, cmake args...
 }
 
 mkdir -p "$out"
-run_build native "" -DCMAKE_BUILD_TYPE=Release
-run_build asan-ubsan "" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOL_SANITIZE=address
+run_build native "" -DCMAKE_BUILD_TYPE=Release -DOL_BUILD_PYTHON=ON
+run_build asan-ubsan "" -DCMAKE_BUILD_TYPE=RelWithDebInfo -DOL_SANITIZE=address -DOL_BUILD_PYTHON=ON
 # ThreadSanitizer needs a fixed address-space layout on kernels with high
 # mmap randomisation.
 TSAN_OPTIONS="halt_on_error=1 second_deadlock_stack=1" \

@@ -24,6 +24,11 @@ else
   cmake --install "$build" --prefix "$prefix" >/dev/null
 fi
 libdir=$prefix/$ol_libdir
+# The Python module, when built, finds the installed library by itself.
+for m in "$prefix"/lib/python3/dist-packages/brennik_opt_layers*.so; do
+  [ -e "$m" ] && PYTHONPATH="$(dirname "$m")" /usr/bin/python3 -c \
+    "import brennik_opt_layers as m; assert m.__file__ == '$m' and m.version()['major'] == 1"
+done
 export LD_LIBRARY_PATH=$libdir PKG_CONFIG_PATH=$libdir/pkgconfig
 cmake -S "$src/examples/consumer" -B "$tmp/consumer" -DCMAKE_PREFIX_PATH="$prefix" >/dev/null
 cmake --build "$tmp/consumer" >/dev/null
