@@ -116,7 +116,7 @@ file."
     DESTDIR=$stage/$pkg cmake --install "$build" --prefix /usr --component python >/dev/null
     tag=$(find "$stage/$pkg" -name '*.so' | grep -o 'cpython-3[0-9]*' | head -n 1)
     [ -n "$tag" ] && py="python3 (>= 3.${tag#cpython-3}~), python3 (<< 3.$((${tag#cpython-3} + 1)))"
-    one_deb $pkg python python "$py" "" \
+    one_deb $pkg python python "$py, python3-numpy" "" \
       "Faster R-CNN post-processing layers (Python 3 module)" "$about
 
 This package contains the Python 3 module."
@@ -138,7 +138,11 @@ debs=()
 for arch in amd64 arm64; do
   dir=$out/$arch
   args=(-DCMAKE_BUILD_TYPE=Release -DOL_BUILD_TESTS=OFF -DOL_BUILD_TOOLS=OFF)
-  [ $arch = arm64 ] && args+=(-DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake)
+  if [ $arch = arm64 ]; then
+    args+=(-DCMAKE_TOOLCHAIN_FILE=cmake/aarch64-linux-gnu.cmake)
+  else
+    args+=(-DOL_BUILD_PYTHON=ON)
+  fi
   echo "=== $arch: build ($dir)"
   mkdir -p "$dir"
   if ! { cmake -S . -B "$dir" -G Ninja "${args[@]}" && cmake --build "$dir" -j2; } >"$dir.log" 2>&1; then
