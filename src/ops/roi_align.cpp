@@ -73,16 +73,27 @@ inline i16x8 round_narrow(const acc8& a) {
   return (i16x8)vrshrn_high_n_s32(vrshrn_n_s32(a.lo, 13), a.hi, 13);
 }
 
-// Eight channels: smull x2, smlal x6, rshrn x2 for 4 loads and 1 store.
-inline void bilinear8(const int16_t* p00, const int16_t* p01, const int16_t* p10,
-                      const int16_t* p11, int16_t w00, int16_t w01, int16_t w10, int16_t w11,
-                      int16_t* out) {
-  acc8 a;
-  widen_mul(a, load_i16x8(p00), w00);
-  widen_mac(a, load_i16x8(p01), w01);
-  widen_mac(a, load_i16x8(p10), w10);
-  widen_mac(a, load_i16x8(p11), w11);
-  store_i16x8(out, round_narrow(a));
+// Sixteen channels: each tap loads as one two-register ld1 and the output
+// stores as one st1 (all loads come before the store, which as far as the
+// compiler knows may alias them), 4 smull, 12 smlal, 4 rshrn.
+inline void bilinear16(const int16_t* p00, const int16_t* p01, const int16_t* p10,
+                       const int16_t* p11, int16_t w00, int16_t w01, int16_t w10, int16_t w11,
+                       int16_t* out) {
+  const int16x8x2_t a = vld1q_s16_x2(p00), b = vld1q_s16_x2(p01);
+  const int16x8x2_t c = vld1q_s16_x2(p10), d = vld1q_s16_x2(p11);
+  acc8 lo, hi;
+  widen_mul(lo, (i16x8)a.val[0], w00);
+  widen_mul(hi, (i16x8)a.val[1], w00);
+  widen_mac(lo, (i16x8)b.val[0], w01);
+  widen_mac(hi, (i16x8)b.val[1], w01);
+  widen_mac(lo, (i16x8)c.val[0], w10);
+  widen_mac(hi, (i16x8)c.val[1], w10);
+  widen_mac(lo, (i16x8)d.val[0], w11);
+  widen_mac(hi, (i16x8)d.val[1], w11);
+  int16x8x2_t r;
+  r.val[0] = (int16x8_t)round_narrow(lo);
+  r.val[1] = (int16x8_t)round_narrow(hi);
+  vst1q_s16_x2(out, r);
 }
 #elif defined(__SSE2__)
 // Pairs of 16-bit products (pmaddwd): the two horizontal neighbours are
@@ -190,6 +201,13 @@ inline void bilinear8(const int16_t* p00, const int16_t* p01, const int16_t* p10
   store_i16x8(out,
               __builtin_convertvector(__builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7), i16x8));
 }
+
+inline void bilinear16(const int16_t* p00, const int16_t* p01, const int16_t* p10,
+                       const int16_t* p11, int16_t w00, int16_t w01, int16_t w10, int16_t w11,
+                       int16_t* out) {
+  bilinear8(p00, p01, p10, p11, w00, w01, w10, w11, out);
+  bilinear8(p00 + 8, p01 + 8, p10 + 8, p11 + 8, w00, w01, w10, w11, out + 8);
+}
 #endif
 
 }  // namespace
@@ -199,14 +217,17 @@ void bilinear_i16_vector(const bilinear_taps& t, unsigned channel, int16_t* out)
   bilinear_channels(t, channel, out);
 #else
   // Local copies: stores to out must not force reloads of the taps.
-  const int16_t* const p00 = t.p00;
-  const int16_t* const p01 = t.p01;
-  const int16_t* const p10 = t.p10;
-  const int16_t* const p11 = t.p11;
+  const int16_t* p00 = t.p00;
+  const int16_t* p01 = t.p01;
+  const int16_t* p10 = t.p10;
+  const int16_t* p11 = t.p11;
   const int16_t w00 = t.w00, w01 = t.w01, w10 = t.w10, w11 = t.w11;
-  for (unsigned c = 0; c < channel; c += 16) {
-    bilinear8(p00 + c, p01 + c, p10 + c, p11 + c, w00, w01, w10, w11, out + c);
-    bilinear8(p00 + c + 8, p01 + c + 8, p10 + c + 8, p11 + c + 8, w00, w01, w10, w11, out + c + 8);
+  for (const int16_t* const end = out + channel; out != end; out += 16) {
+    bilinear16(p00, p01, p10, p11, w00, w01, w10, w11, out);
+    p00 += 16;
+    p01 += 16;
+    p10 += 16;
+    p11 += 16;
   }
 #endif
 }
