@@ -12,6 +12,7 @@
 #include <string.h>
 
 #include "common/box.h"
+#include "common/cpu.h"
 #include "frcnn/rpn_stage.h"
 
 #if defined(__aarch64__)
@@ -106,15 +107,6 @@ inline f32x4 fma4(f32x4 a, f32x4 b, f32x4 c) {
 }
 #endif
 
-// The x86-64 build keeps a baseline without FMA; where the processor has it
-// the kernel runs a clone that uses the instruction instead of the library
-// call (fmaf is correctly rounded, so both give the same bits).
-#if defined(__x86_64__) && defined(__GNUC__) && !defined(__FMA__)
-#define OL_FMA_CLONES __attribute__((target_clones("fma", "default")))
-#else
-#define OL_FMA_CLONES
-#endif
-
 // n / d and n % d for one divisor and many n. On x86-64 a multiply by
 // floor(2^32 / d) gives the quotient or one less (the error of the
 // reciprocal times n is below 1), and one compare corrects it; there a
@@ -143,8 +135,9 @@ struct divider {
 
 // Decodes order[0..count) (count > 0), writes the kept records from out on
 // and returns the number dropped.
-OL_FMA_CLONES uint32_t decode_run(const rpn_decode_params& p, uint16_t* out,
-                                  const uint32_t* order, uint32_t count) {
+__attribute__((always_inline)) inline uint32_t decode_body(const rpn_decode_params& p,
+                                                           uint16_t* out, const uint32_t* order,
+                                                           uint32_t count) {
   const divider HW(p.H * p.W), W(p.W);
   const size_t plane = static_cast<size_t>(p.H) * p.Pb;
   const f32x4 min_size = splat(static_cast<float>(p.min_size));
@@ -228,6 +221,27 @@ OL_FMA_CLONES uint32_t decode_run(const rpn_decode_params& p, uint16_t* out,
   }
   return count - kept;
 }
+
+// The x86-64 build keeps a baseline without FMA; where the processor has it
+// the kernel runs a version that uses the instruction instead of the library
+// call (fmaf is correctly rounded, so both give the same bits).
+#if defined(OL_X86_DISPATCH) && !defined(__FMA__)
+__attribute__((target("fma"))) uint32_t decode_run_fma(const rpn_decode_params& p, uint16_t* out,
+                                                       const uint32_t* order, uint32_t count) {
+  return decode_body(p, out, order, count);
+}
+
+uint32_t decode_run(const rpn_decode_params& p, uint16_t* out, const uint32_t* order,
+                    uint32_t count) {
+  if (cpu_has_fma()) return decode_run_fma(p, out, order, count);
+  return decode_body(p, out, order, count);
+}
+#else
+uint32_t decode_run(const rpn_decode_params& p, uint16_t* out, const uint32_t* order,
+                    uint32_t count) {
+  return decode_body(p, out, order, count);
+}
+#endif
 
 struct decode_task {
   const rpn_decode_params* params;

@@ -17,6 +17,7 @@
 #include <string.h>
 
 #include "brennik_opt_layers.h"
+#include "common/cpu.h"
 #include "ops/roi_align_kernels.h"
 
 // Keeps the scalar twin scalar under GCC; clang has no such function
@@ -39,14 +40,6 @@ namespace {
 typedef int16_t i16x8 __attribute__((vector_size(16)));
 typedef int32_t i32x4 __attribute__((vector_size(16)));
 typedef float f32x4 __attribute__((vector_size(16)));
-
-inline i16x8 load_i16x8(const int16_t* p) {
-  i16x8 v;
-  memcpy(&v, p, sizeof v);
-  return v;
-}
-
-inline void store_i16x8(int16_t* p, i16x8 v) { memcpy(p, &v, sizeof v); }
 
 #if defined(__aarch64__)
 // Eight 32-bit accumulators, one per lane of an i16x8: smull/smlal by
@@ -131,12 +124,11 @@ inline void bilinear8(const int16_t* p00, const int16_t* p01, const int16_t* p10
 }
 
 // All channels of one output position. The baseline uses 128-bit vectors;
-// processors with AVX2 run a version with 256-bit vectors, chosen once when
-// the library is loaded. unpack, pmaddwd and pack work within each 128-bit
-// half, so the 256-bit form is the 128-bit one on channels c..c+7 and
-// c+8..c+15 side by side and its results are the same.
-__attribute__((target("default"))) void bilinear_channels(const bilinear_taps& t,
-                                                          unsigned channel, int16_t* out) {
+// processors with AVX2 run a version with 256-bit vectors. unpack, pmaddwd
+// and pack work within each 128-bit half, so the 256-bit form is the
+// 128-bit one on channels c..c+7 and c+8..c+15 side by side and its results
+// are the same.
+void bilinear_channels_sse2(const bilinear_taps& t, unsigned channel, int16_t* out) {
   const int16_t* const p00 = t.p00;
   const int16_t* const p01 = t.p01;
   const int16_t* const p10 = t.p10;
@@ -148,8 +140,9 @@ __attribute__((target("default"))) void bilinear_channels(const bilinear_taps& t
   }
 }
 
-__attribute__((target("avx2"))) void bilinear_channels(const bilinear_taps& t, unsigned channel,
-                                                       int16_t* out) {
+#if defined(OL_X86_DISPATCH)
+__attribute__((target("avx2"))) void bilinear_channels_avx2(const bilinear_taps& t,
+                                                            unsigned channel, int16_t* out) {
   const int16_t* const p00 = t.p00;
   const int16_t* const p01 = t.p01;
   const int16_t* const p10 = t.p10;
@@ -171,9 +164,18 @@ __attribute__((target("avx2"))) void bilinear_channels(const bilinear_taps& t, u
     _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + c), _mm256_packs_epi32(lo, hi));
   }
 }
+#endif
 #else
 // Generic vectors: widen, multiply, add in unsigned 32-bit lanes (so that
 // wrapping is defined), shift and narrow.
+inline i16x8 load_i16x8(const int16_t* p) {
+  i16x8 v;
+  memcpy(&v, p, sizeof v);
+  return v;
+}
+
+inline void store_i16x8(int16_t* p, i16x8 v) { memcpy(p, &v, sizeof v); }
+
 typedef uint32_t u32x4 __attribute__((vector_size(16)));
 typedef int32_t i32x8 __attribute__((vector_size(32)));
 
@@ -214,7 +216,13 @@ inline void bilinear16(const int16_t* p00, const int16_t* p01, const int16_t* p1
 
 void bilinear_i16_vector(const bilinear_taps& t, unsigned channel, int16_t* out) {
 #if defined(__SSE2__) && !defined(__aarch64__)
-  bilinear_channels(t, channel, out);
+#if defined(OL_X86_DISPATCH)
+  if (cpu_has_avx2()) {
+    bilinear_channels_avx2(t, channel, out);
+    return;
+  }
+#endif
+  bilinear_channels_sse2(t, channel, out);
 #else
   // Local copies: stores to out must not force reloads of the taps.
   const int16_t* p00 = t.p00;
