@@ -5,6 +5,13 @@
 #ifndef OL_COMMON_CPU_H
 #define OL_COMMON_CPU_H
 
+namespace ol {
+
+// Set by the tests to run the baseline versions on any machine.
+inline bool cpu_force_baseline = false;
+
+}  // namespace ol
+
 #if defined(__x86_64__) && defined(__GNUC__)
 #define OL_X86_DISPATCH 1
 
@@ -15,7 +22,7 @@ inline bool cpu_has_fma() {
     __builtin_cpu_init();
     return __builtin_cpu_supports("fma") != 0;
   }();
-  return has;
+  return has && !cpu_force_baseline;
 }
 
 inline bool cpu_has_avx2() {
@@ -23,7 +30,7 @@ inline bool cpu_has_avx2() {
     __builtin_cpu_init();
     return __builtin_cpu_supports("avx2") != 0;
   }();
-  return has;
+  return has && !cpu_force_baseline;
 }
 
 }  // namespace ol
