@@ -1,10 +1,10 @@
 // Greedy non-maximum suppression over proposal records (x1 y1 x2 y2 score,
 // halves), boxes taken in input order.
 //
-// The kernel converts the boxes once to structure-of-arrays floats (x1, y1,
-// x2, y2, area) and then takes them in input order: a box is kept when no
-// kept box suppresses it, tested four kept boxes at a time and stopping at
-// the first hit. Only kept boxes ever suppress, so this is the greedy
+// The kernel takes the boxes in input order, converting each to floats when
+// it reaches it: a box is kept when no kept box suppresses it, tested four
+// kept boxes at a time (kept boxes in structure-of-arrays floats x1, y1, x2,
+// y2, area) and stopping at the first hit. Only kept boxes ever suppress, so this is the greedy
 // result; it stops as soon as max_out boxes are kept, and a suppressed box
 // usually costs a few tests.
 //
@@ -172,36 +172,28 @@ int nms_kernel(uint16_t* out, const uint16_t* in, int count, float iou_threshold
 
   const size_t cap = list_capacity(static_cast<uint32_t>(n));
   const box_list l = carve(scratch, cap);
-  for (int i = 0; i < n; ++i) {
-    const uint16_t* b = in + static_cast<size_t>(i) * 5;
-    const float x1 = opt_layers_half::to_float(b[0]);
-    const float y1 = opt_layers_half::to_float(b[1]);
-    const float x2 = opt_layers_half::to_float(b[2]);
-    const float y2 = opt_layers_half::to_float(b[3]);
-    l.x1[i] = x1;
-    l.y1[i] = y1;
-    l.x2[i] = x2;
-    l.y2[i] = y2;
-    l.area[i] = inclusive_size(x1, x2) * inclusive_size(y1, y2);
-  }
-  // The slack after the boxes is read by the last vector of a test (and its
-  // lanes ignored): give it defined contents.
-  for (size_t i = static_cast<size_t>(n); i < cap; ++i) {
-    l.x1[i] = l.y1[i] = l.x2[i] = l.y2[i] = l.area[i] = 0.0f;
-  }
 
   // A box is kept exactly when no earlier kept box suppresses it (only kept
   // boxes suppress), so each box in input order is tested against the kept
   // boxes, four at a time, stopping at the first that suppresses it. The
   // overlap test is symmetric in its two boxes (min, max, the area sum), so
   // this gives the greedy result, and the scan stops as soon as max_out boxes
-  // are kept instead of testing every kept box against every later one. The
-  // kept boxes are packed at the front of the same arrays: kept entry k is
-  // written at k <= j, after box j has been read.
+  // are kept instead of testing every kept box against every later one. A
+  // box is converted to float when the scan reaches it (the scan usually
+  // stops long before the end of the list), and only kept boxes are stored
+  // in the arrays. The last vector of a test also reads up to three entries
+  // past the kept ones (its lanes ignored): each group of four entries is
+  // zeroed when its first entry is written, so that they have defined
+  // contents.
   const f32x4 thr = {iou_threshold, iou_threshold, iou_threshold, iou_threshold};
   int kept = 0;
   for (int j = 0; j < n; ++j) {
-    const float x1 = l.x1[j], y1 = l.y1[j], x2 = l.x2[j], y2 = l.y2[j], a = l.area[j];
+    const uint16_t* b = in + static_cast<size_t>(j) * 5;
+    const float x1 = opt_layers_half::to_float(b[0]);
+    const float y1 = opt_layers_half::to_float(b[1]);
+    const float x2 = opt_layers_half::to_float(b[2]);
+    const float y2 = opt_layers_half::to_float(b[3]);
+    const float a = inclusive_size(x1, x2) * inclusive_size(y1, y2);
     const kept_box c = {f32x4{x1, x1, x1, x1}, f32x4{y1, y1, y1, y1}, f32x4{x2, x2, x2, x2},
                         f32x4{y2, y2, y2, y2}, f32x4{a, a, a, a},   thr};
     bool suppressed = false;
@@ -212,7 +204,11 @@ int nms_kernel(uint16_t* out, const uint16_t* in, int count, float iou_threshold
       }
     }
     if (suppressed) continue;
-    copy_box(out + static_cast<size_t>(kept) * 4, in + static_cast<size_t>(j) * 5);
+    copy_box(out + static_cast<size_t>(kept) * 4, b);
+    if (kept % 4 == 0) {
+      float* const arrays[k_arrays] = {l.x1, l.y1, l.x2, l.y2, l.area};
+      for (float* arr : arrays) memset(arr + kept, 0, 4 * sizeof(float));
+    }
     l.x1[kept] = x1;
     l.y1[kept] = y1;
     l.x2[kept] = x2;

@@ -7,10 +7,37 @@ namespace ol {
 
 namespace {
 
+typedef int16_t i16x8 __attribute__((vector_size(16)));
+
 // Appends the values of one row that lie above T; returns the new length.
+// Eight values at a time are compared on their order keys in one vector
+// (NaN lanes never pass); a group where none passes is skipped, the others
+// are appended lane by lane.
 inline uint32_t filter_row(uint16_t T, const uint16_t* row, uint32_t W, uint32_t position,
                            uint16_t* scores, uint32_t* positions, uint32_t m) {
-  for (uint32_t x = 0; x < W; ++x) {
+  uint32_t x = 0;
+  if (!half_is_nan(T)) {
+    const int16_t t = static_cast<int16_t>(half_order_key(T));
+    const i16x8 key_t = {t, t, t, t, t, t, t, t};
+    for (; x + 8 <= W; x += 8) {
+      i16x8 h;
+      memcpy(&h, row + x, sizeof h);
+      const i16x8 mag = h & 0x7FFF;
+      const i16x8 sign = h >> 15;  // 0 or -1
+      const i16x8 keep = (((mag ^ sign) - sign) > key_t) & (mag <= 0x7C00);
+      uint64_t any;
+      memcpy(&any, &keep, sizeof any);  // the low four lanes
+      uint64_t any_hi;
+      memcpy(&any_hi, reinterpret_cast<const char*>(&keep) + 8, sizeof any_hi);
+      if ((any | any_hi) == 0) continue;
+      for (uint32_t j = 0; j < 8; ++j) {
+        scores[m] = row[x + j];
+        positions[m] = position + x + j;
+        m -= static_cast<uint32_t>(static_cast<int32_t>(keep[j]));  // keep lanes are -1
+      }
+    }
+  }
+  for (; x < W; ++x) {
     const uint16_t s = row[x];
     // Branch-free append: always store, advance only when kept.
     scores[m] = s;

@@ -4,8 +4,9 @@
 // interpolation in Q13 fixed point. Per box they build a column table and a
 // row table (source offsets and weights per output column and row), then for
 // each output position turn the two weight pairs into four 16-bit weights
-// and run the channel kernel: 16 channels per step, 32-bit widening
-// multiply-accumulates, one rounding narrowing shift by 13.
+// and run the channel kernel: 16 channels per step, 16 x 16 -> 32-bit
+// products summed modulo 2^32 (smull/smlal on aarch64, pmaddwd pairs on
+// x86-64), one rounding narrowing shift by 13.
 //
 // The tables live on the stack in fixed chunks of kTableChunk entries, so a
 // call uses a few KiB of stack whatever the grid size; grids wider or taller
@@ -16,6 +17,7 @@
 #include <string.h>
 
 #include "brennik_opt_layers.h"
+#include "common/cpu.h"
 #include "ops/roi_align_kernels.h"
 
 // Keeps the scalar twin scalar under GCC; clang has no such function
@@ -28,6 +30,8 @@
 
 #if defined(__aarch64__)
 #include <arm_neon.h>
+#elif defined(__SSE2__)
+#include <immintrin.h>
 #endif
 
 namespace ol {
@@ -37,6 +41,133 @@ typedef int16_t i16x8 __attribute__((vector_size(16)));
 typedef int32_t i32x4 __attribute__((vector_size(16)));
 typedef float f32x4 __attribute__((vector_size(16)));
 
+#if defined(__aarch64__)
+// Eight 32-bit accumulators, one per lane of an i16x8: smull/smlal by
+// element and one rounding narrowing shift (rshrn). rshrn adds the rounding
+// constant without 32-bit overflow; only the low 16 bits are kept, and those
+// equal the wrapped (acc + 4096) >> 13.
+struct acc8 {
+  int32x4_t lo, hi;
+};
+
+inline void widen_mul(acc8& a, i16x8 v, int16_t w) {
+  const int16x8_t n = (int16x8_t)v;
+  a.lo = vmull_n_s16(vget_low_s16(n), w);
+  a.hi = vmull_high_n_s16(n, w);
+}
+
+inline void widen_mac(acc8& a, i16x8 v, int16_t w) {
+  const int16x8_t n = (int16x8_t)v;
+  a.lo = vmlal_n_s16(a.lo, vget_low_s16(n), w);
+  a.hi = vmlal_high_n_s16(a.hi, n, w);
+}
+
+inline i16x8 round_narrow(const acc8& a) {
+  return (i16x8)vrshrn_high_n_s32(vrshrn_n_s32(a.lo, 13), a.hi, 13);
+}
+
+// Sixteen channels: each tap loads as one two-register ld1 and the output
+// stores as one st1 (all loads come before the store, which as far as the
+// compiler knows may alias them), 4 smull, 12 smlal, 4 rshrn.
+inline void bilinear16(const int16_t* p00, const int16_t* p01, const int16_t* p10,
+                       const int16_t* p11, int16_t w00, int16_t w01, int16_t w10, int16_t w11,
+                       int16_t* out) {
+  const int16x8x2_t a = vld1q_s16_x2(p00), b = vld1q_s16_x2(p01);
+  const int16x8x2_t c = vld1q_s16_x2(p10), d = vld1q_s16_x2(p11);
+  acc8 lo, hi;
+  widen_mul(lo, (i16x8)a.val[0], w00);
+  widen_mul(hi, (i16x8)a.val[1], w00);
+  widen_mac(lo, (i16x8)b.val[0], w01);
+  widen_mac(hi, (i16x8)b.val[1], w01);
+  widen_mac(lo, (i16x8)c.val[0], w10);
+  widen_mac(hi, (i16x8)c.val[1], w10);
+  widen_mac(lo, (i16x8)d.val[0], w11);
+  widen_mac(hi, (i16x8)d.val[1], w11);
+  int16x8x2_t r;
+  r.val[0] = (int16x8_t)round_narrow(lo);
+  r.val[1] = (int16x8_t)round_narrow(hi);
+  vst1q_s16_x2(out, r);
+}
+#elif defined(__SSE2__)
+// Pairs of 16-bit products (pmaddwd): the two horizontal neighbours are
+// interleaved channel by channel and multiplied by the interleaved weight
+// pair, which gives p0[c]*w0 + p1[c]*w1 in 32 bits per channel. Every
+// product of two 16-bit values is exact; the only pair sum that leaves 32
+// bits is 2 * 32768 * 32768, which pmaddwd wraps to 0x80000000, the sum
+// modulo 2^32, as all the other sums are. (acc + 4096) << 3 puts bits
+// 13..28 of the rounded sum in the upper half, so the arithmetic shift by 16
+// leaves the wanted low 16 bits already sign-extended and the saturating
+// pack changes nothing.
+inline __m128i weight_pair(int16_t w0, int16_t w1) {
+  return _mm_set1_epi32(static_cast<int>(static_cast<uint16_t>(w0) |
+                                         (static_cast<uint32_t>(static_cast<uint16_t>(w1)) << 16)));
+}
+
+inline __m128i load_m128(const int16_t* p) {
+  return _mm_loadu_si128(reinterpret_cast<const __m128i*>(p));
+}
+
+// Eight channels: 4 loads, 4 unpacks, 4 pmaddwd, 4 adds, 4 shifts, 1 pack,
+// 1 store.
+inline void bilinear8(const int16_t* p00, const int16_t* p01, const int16_t* p10,
+                      const int16_t* p11, __m128i top, __m128i bottom, int16_t* out) {
+  const __m128i round = _mm_set1_epi32(4096);
+  const __m128i a = load_m128(p00), b = load_m128(p01);
+  const __m128i c = load_m128(p10), d = load_m128(p11);
+  __m128i lo = _mm_add_epi32(_mm_madd_epi16(_mm_unpacklo_epi16(a, b), top),
+                             _mm_madd_epi16(_mm_unpacklo_epi16(c, d), bottom));
+  __m128i hi = _mm_add_epi32(_mm_madd_epi16(_mm_unpackhi_epi16(a, b), top),
+                             _mm_madd_epi16(_mm_unpackhi_epi16(c, d), bottom));
+  lo = _mm_srai_epi32(_mm_slli_epi32(_mm_add_epi32(lo, round), 3), 16);
+  hi = _mm_srai_epi32(_mm_slli_epi32(_mm_add_epi32(hi, round), 3), 16);
+  _mm_storeu_si128(reinterpret_cast<__m128i*>(out), _mm_packs_epi32(lo, hi));
+}
+
+// All channels of one output position. The baseline uses 128-bit vectors;
+// processors with AVX2 run a version with 256-bit vectors. unpack, pmaddwd
+// and pack work within each 128-bit half, so the 256-bit form is the
+// 128-bit one on channels c..c+7 and c+8..c+15 side by side and its results
+// are the same.
+void bilinear_channels_sse2(const bilinear_taps& t, unsigned channel, int16_t* out) {
+  const int16_t* const p00 = t.p00;
+  const int16_t* const p01 = t.p01;
+  const int16_t* const p10 = t.p10;
+  const int16_t* const p11 = t.p11;
+  const __m128i top = weight_pair(t.w00, t.w01), bottom = weight_pair(t.w10, t.w11);
+  for (unsigned c = 0; c < channel; c += 16) {
+    bilinear8(p00 + c, p01 + c, p10 + c, p11 + c, top, bottom, out + c);
+    bilinear8(p00 + c + 8, p01 + c + 8, p10 + c + 8, p11 + c + 8, top, bottom, out + c + 8);
+  }
+}
+
+#if defined(OL_X86_DISPATCH)
+__attribute__((target("avx2"))) void bilinear_channels_avx2(const bilinear_taps& t,
+                                                            unsigned channel, int16_t* out) {
+  const int16_t* const p00 = t.p00;
+  const int16_t* const p01 = t.p01;
+  const int16_t* const p10 = t.p10;
+  const int16_t* const p11 = t.p11;
+  const __m256i top = _mm256_broadcastsi128_si256(weight_pair(t.w00, t.w01));
+  const __m256i bottom = _mm256_broadcastsi128_si256(weight_pair(t.w10, t.w11));
+  const __m256i round = _mm256_set1_epi32(4096);
+  for (unsigned c = 0; c < channel; c += 16) {
+    const __m256i a = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p00 + c));
+    const __m256i b = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p01 + c));
+    const __m256i d0 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p10 + c));
+    const __m256i d1 = _mm256_loadu_si256(reinterpret_cast<const __m256i*>(p11 + c));
+    __m256i lo = _mm256_add_epi32(_mm256_madd_epi16(_mm256_unpacklo_epi16(a, b), top),
+                                  _mm256_madd_epi16(_mm256_unpacklo_epi16(d0, d1), bottom));
+    __m256i hi = _mm256_add_epi32(_mm256_madd_epi16(_mm256_unpackhi_epi16(a, b), top),
+                                  _mm256_madd_epi16(_mm256_unpackhi_epi16(d0, d1), bottom));
+    lo = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_add_epi32(lo, round), 3), 16);
+    hi = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_add_epi32(hi, round), 3), 16);
+    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + c), _mm256_packs_epi32(lo, hi));
+  }
+}
+#endif
+#else
+// Generic vectors: widen, multiply, add in unsigned 32-bit lanes (so that
+// wrapping is defined), shift and narrow.
 inline i16x8 load_i16x8(const int16_t* p) {
   i16x8 v;
   memcpy(&v, p, sizeof v);
@@ -45,48 +176,8 @@ inline i16x8 load_i16x8(const int16_t* p) {
 
 inline void store_i16x8(int16_t* p, i16x8 v) { memcpy(p, &v, sizeof v); }
 
-// Eight 32-bit accumulators, one per lane of an i16x8, with the three
-// operations of the kernel: widening multiply by a 16-bit weight, widening
-// multiply-accumulate, and the rounding narrowing shift (low 16 bits of
-// (acc + 4096) >> 13). On aarch64 these are smull/smlal by element and
-// rshrn; elsewhere they are written with generic vectors (x86-64: pmovsxwd,
-// pmulld, paddd, psrad, pand, packusdw). The sums wrap modulo 2^32 in both
-// forms; the generic form keeps them unsigned so that wrapping is defined.
-#if defined(__aarch64__)
-struct acc8 {
-  int32x4_t lo, hi;
-};
-typedef int16_t weight_t;
-
-inline weight_t splat_weight(int16_t w) { return w; }
-
-inline void widen_mul(acc8& a, i16x8 v, weight_t w) {
-  const int16x8_t n = (int16x8_t)v;
-  a.lo = vmull_n_s16(vget_low_s16(n), w);
-  a.hi = vmull_high_n_s16(n, w);
-}
-
-inline void widen_mac(acc8& a, i16x8 v, weight_t w) {
-  const int16x8_t n = (int16x8_t)v;
-  a.lo = vmlal_n_s16(a.lo, vget_low_s16(n), w);
-  a.hi = vmlal_high_n_s16(a.hi, n, w);
-}
-
-// rshrn adds the rounding constant without 32-bit overflow; only the low 16
-// bits are kept, and those equal the wrapped (acc + 4096) >> 13.
-inline i16x8 round_narrow(const acc8& a) {
-  return (i16x8)vrshrn_high_n_s32(vrshrn_n_s32(a.lo, 13), a.hi, 13);
-}
-#else
 typedef uint32_t u32x4 __attribute__((vector_size(16)));
 typedef int32_t i32x8 __attribute__((vector_size(32)));
-
-struct acc8 {
-  u32x4 lo, hi;
-};
-typedef i32x4 weight_t;  // the weight in every lane
-
-inline weight_t splat_weight(int16_t w) { return i32x4{w, w, w, w}; }
 
 inline void widen(i16x8 v, i32x4* lo, i32x4* hi) {
   const i32x8 x = __builtin_convertvector(v, i32x8);
@@ -94,51 +185,59 @@ inline void widen(i16x8 v, i32x4* lo, i32x4* hi) {
   *hi = __builtin_shufflevector(x, x, 4, 5, 6, 7);
 }
 
-// |v * w| <= 2^30: the products themselves never overflow.
-inline void widen_mul(acc8& a, i16x8 v, weight_t w) {
-  i32x4 lo, hi;
-  widen(v, &lo, &hi);
-  a.lo = (u32x4)(lo * w);
-  a.hi = (u32x4)(hi * w);
+inline void bilinear8(const int16_t* p00, const int16_t* p01, const int16_t* p10,
+                      const int16_t* p11, int16_t w00, int16_t w01, int16_t w10, int16_t w11,
+                      int16_t* out) {
+  const int16_t* src[4] = {p00, p01, p10, p11};
+  const int16_t w[4] = {w00, w01, w10, w11};
+  u32x4 acc_lo = {0, 0, 0, 0}, acc_hi = {0, 0, 0, 0};
+  for (int k = 0; k < 4; ++k) {
+    i32x4 lo, hi;
+    widen(load_i16x8(src[k]), &lo, &hi);
+    const i32x4 wk = {w[k], w[k], w[k], w[k]};  // |v * w| <= 2^30: no overflow
+    acc_lo += (u32x4)(lo * wk);
+    acc_hi += (u32x4)(hi * wk);
+  }
+  const i32x4 lo = (i32x4)(acc_lo + 4096u) >> 13;
+  const i32x4 hi = (i32x4)(acc_hi + 4096u) >> 13;
+  store_i16x8(out,
+              __builtin_convertvector(__builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7), i16x8));
 }
 
-inline void widen_mac(acc8& a, i16x8 v, weight_t w) {
-  i32x4 lo, hi;
-  widen(v, &lo, &hi);
-  a.lo += (u32x4)(lo * w);
-  a.hi += (u32x4)(hi * w);
-}
-
-inline i16x8 round_narrow(const acc8& a) {
-  const i32x4 lo = (i32x4)(a.lo + 4096u) >> 13;
-  const i32x4 hi = (i32x4)(a.hi + 4096u) >> 13;
-  return __builtin_convertvector(__builtin_shufflevector(lo, hi, 0, 1, 2, 3, 4, 5, 6, 7), i16x8);
+inline void bilinear16(const int16_t* p00, const int16_t* p01, const int16_t* p10,
+                       const int16_t* p11, int16_t w00, int16_t w01, int16_t w10, int16_t w11,
+                       int16_t* out) {
+  bilinear8(p00, p01, p10, p11, w00, w01, w10, w11, out);
+  bilinear8(p00 + 8, p01 + 8, p10 + 8, p11 + 8, w00, w01, w10, w11, out + 8);
 }
 #endif
 
 }  // namespace
 
 void bilinear_i16_vector(const bilinear_taps& t, unsigned channel, int16_t* out) {
-  // Local copies: stores to out must not force reloads of the taps.
-  const int16_t* const p00 = t.p00;
-  const int16_t* const p01 = t.p01;
-  const int16_t* const p10 = t.p10;
-  const int16_t* const p11 = t.p11;
-  const weight_t w00 = splat_weight(t.w00), w01 = splat_weight(t.w01);
-  const weight_t w10 = splat_weight(t.w10), w11 = splat_weight(t.w11);
-  for (unsigned c = 0; c < channel; c += 16) {
-    acc8 lo, hi;  // channels c .. c+7 and c+8 .. c+15
-    widen_mul(lo, load_i16x8(p00 + c), w00);
-    widen_mul(hi, load_i16x8(p00 + c + 8), w00);
-    widen_mac(lo, load_i16x8(p01 + c), w01);
-    widen_mac(hi, load_i16x8(p01 + c + 8), w01);
-    widen_mac(lo, load_i16x8(p10 + c), w10);
-    widen_mac(hi, load_i16x8(p10 + c + 8), w10);
-    widen_mac(lo, load_i16x8(p11 + c), w11);
-    widen_mac(hi, load_i16x8(p11 + c + 8), w11);
-    store_i16x8(out + c, round_narrow(lo));
-    store_i16x8(out + c + 8, round_narrow(hi));
+#if defined(__SSE2__) && !defined(__aarch64__)
+#if defined(OL_X86_DISPATCH)
+  if (cpu_has_avx2()) {
+    bilinear_channels_avx2(t, channel, out);
+    return;
   }
+#endif
+  bilinear_channels_sse2(t, channel, out);
+#else
+  // Local copies: stores to out must not force reloads of the taps.
+  const int16_t* p00 = t.p00;
+  const int16_t* p01 = t.p01;
+  const int16_t* p10 = t.p10;
+  const int16_t* p11 = t.p11;
+  const int16_t w00 = t.w00, w01 = t.w01, w10 = t.w10, w11 = t.w11;
+  for (const int16_t* const end = out + channel; out != end; out += 16) {
+    bilinear16(p00, p01, p10, p11, w00, w01, w10, w11, out);
+    p00 += 16;
+    p01 += 16;
+    p10 += 16;
+    p11 += 16;
+  }
+#endif
 }
 
 // Kept scalar (no auto-vectorisation) so that it is a plain reference and a

@@ -9,6 +9,7 @@
 #include <array>
 #include <thread>
 
+#include "common/cpu.h"
 #include "common/frame_gen.h"
 #include "common/test_util.h"
 #include "frcnn/context.h"
@@ -190,6 +191,7 @@ TEST(proposal_stage, matches_direct_formulation) {
         ASSERT_GT(want.size(), 25u);
         for (uint8_t threads : {1, 8})
           for (uint8_t qsort : {0, 1}) {
+            ol::cpu_force_baseline = threads == 1;  // the x86-64 decode without FMA
             d.thread_num = threads;
             d.is_use_qsort = qsort;
             handle h(d, anchors);

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "brennik_opt_layers.h"
+#include "common/cpu.h"
 #include "common/test_util.h"
 #include "ops/bilinear_ref.h"
 #include "ops/roi_align_kernels.h"
@@ -47,11 +48,14 @@ void expect_reference(ref::map16& m, float extr, std::vector<float>& boxes, unsi
   want.out.assign(per_box * (boxes.size() / 4) + kGuard, kPoison);
   for (size_t b = 0; b < boxes.size() / 4; ++b)
     ref::crop_box(m, sx, sy, extr, &boxes[4 * b], cw, ch, &want.out[b * per_box], &want.text);
-  for (bilinear_kernel k : {bilinear_kernel::vector, bilinear_kernel::scalar}) {
-    const crop_result got = crop(k, m, extr, boxes, cw, ch, sx, sy);
-    ASSERT_EQ(got.ret, 0);
-    ASSERT_EQ(got.out, want.out);
-    ASSERT_EQ(got.text, want.text);
+  for (bool baseline : {true, false}) {  // the x86-64 baseline kernel as well
+    ol::cpu_force_baseline = baseline;
+    for (bilinear_kernel k : {bilinear_kernel::vector, bilinear_kernel::scalar}) {
+      const crop_result got = crop(k, m, extr, boxes, cw, ch, sx, sy);
+      ASSERT_EQ(got.ret, 0);
+      ASSERT_EQ(got.out, want.out);
+      ASSERT_EQ(got.text, want.text);
+    }
   }
 }
 

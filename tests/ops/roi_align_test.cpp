@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "brennik_opt_layers.h"
+#include "common/cpu.h"
 #include "common/test_util.h"
 #include "ops/bilinear_ref.h"
 #include "ops/roi_align_kernels.h"
@@ -27,11 +28,14 @@ const float kInf = std::numeric_limits<float>::infinity();
 // (which ends in kGuard poisoned elements) in a poisoned buffer.
 template <class Fn, class... Args>
 void expect_kernels(const std::vector<short>& want, const std::string& what, Fn fn, Args... args) {
-  for (bilinear_kernel k : {bilinear_kernel::vector, bilinear_kernel::scalar}) {
-    std::vector<short> got(want.size(), kPoison);
-    ASSERT_EQ(fn(k, args..., got.data()), 0) << what;
-    for (size_t i = 0; i < got.size(); ++i)
-      ASSERT_EQ(got[i], want[i]) << what << " kernel " << int(k) << " element " << i;
+  for (bool baseline : {true, false}) {  // the x86-64 baseline kernel as well
+    ol::cpu_force_baseline = baseline;
+    for (bilinear_kernel k : {bilinear_kernel::vector, bilinear_kernel::scalar}) {
+      std::vector<short> got(want.size(), kPoison);
+      ASSERT_EQ(fn(k, args..., got.data()), 0) << what;
+      for (size_t i = 0; i < got.size(); ++i)
+        ASSERT_EQ(got[i], want[i]) << what << " kernel " << int(k) << " element " << i;
+    }
   }
 }
 
@@ -118,10 +122,13 @@ TEST(RoiAlign, RoundingOfTheSum) {
     std::vector<short> a(16, short(s[0])), b(16, short(s[1]));
     const ol::bilinear_taps t{a.data(),      b.data(),      a.data(),      b.data(),
                               int16_t(s[2]), int16_t(s[3]), int16_t(s[4]), int16_t(s[5])};
-    for (auto fn : {ol::bilinear_i16_vector, ol::bilinear_i16_scalar}) {
-      std::vector<short> out(16, kPoison);
-      fn(t, 16, out.data());
-      EXPECT_EQ(out, std::vector<short>(16, short(s[6]))) << s[0] << " " << s[2];
+    for (bool baseline : {true, false}) {
+      ol::cpu_force_baseline = baseline;
+      for (auto fn : {ol::bilinear_i16_vector, ol::bilinear_i16_scalar}) {
+        std::vector<short> out(16, kPoison);
+        fn(t, 16, out.data());
+        EXPECT_EQ(out, std::vector<short>(16, short(s[6]))) << s[0] << " " << s[2];
+      }
     }
   }
   EXPECT_EQ(ol::q13_weight(kNan), 0);

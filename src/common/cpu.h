@@ -1,0 +1,39 @@
+// Processor features of the running x86-64 machine, for kernels that have a
+// faster version than the build's baseline allows. Each is read once; the
+// choice is made by an ordinary branch (not an ifunc, whose resolver would
+// run before the sanitizer runtimes are ready).
+#ifndef OL_COMMON_CPU_H
+#define OL_COMMON_CPU_H
+
+namespace ol {
+
+// Set by the tests to run the baseline versions on any machine.
+inline bool cpu_force_baseline = false;
+
+}  // namespace ol
+
+#if defined(__x86_64__) && defined(__GNUC__)
+#define OL_X86_DISPATCH 1
+
+namespace ol {
+
+inline bool cpu_has_fma() {
+  static const bool has = [] {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("fma") != 0;
+  }();
+  return has && !cpu_force_baseline;
+}
+
+inline bool cpu_has_avx2() {
+  static const bool has = [] {
+    __builtin_cpu_init();
+    return __builtin_cpu_supports("avx2") != 0;
+  }();
+  return has && !cpu_force_baseline;
+}
+
+}  // namespace ol
+
+#endif
+#endif
