@@ -303,7 +303,7 @@ int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_
   }
 
   // First batch: runs of consecutive candidates on the pool (a refused run
-  // is decoded here), each writing its kept records from the start of its
+  // is decoded here, and refusals print one line for the whole batch), each writing its kept records from the start of its
   // own span of detections; the spans are then closed up in order, so the
   // records are those of one serial pass.
   uint32_t parts = (n + k_decode_run - 1) / k_decode_run;
@@ -322,7 +322,7 @@ int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_
     t.task.arg = &t;
     t.task.retval = 0;
   }
-  dispatch_tasks(ctx->pool, runs, parts, on_refused::run_inline);
+  dispatch_tasks(ctx->pool, runs, parts, on_refused::run_inline_report_once);
   uint32_t K = 0;
   for (uint32_t k = 0; k < parts; ++k) {
     const uint32_t kept = runs[k].count - runs[k].dropped;

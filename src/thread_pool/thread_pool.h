@@ -101,23 +101,27 @@ inline void split_range(uint32_t n, uint32_t parts, uint32_t k, uint32_t* begin,
   *end = static_cast<uint32_t>(static_cast<uint64_t>(n) * (k + 1) / parts);
 }
 
-// How a refused task is handled by dispatch_tasks.
-enum class on_refused { skip, run_inline };
+// How a refused task is handled by dispatch_tasks: skipped, run on the
+// calling thread, or run on the calling thread with one message for all the
+// refused tasks of the call (work that the caller sees as one unit).
+enum class on_refused { skip, run_inline, run_inline_report_once };
 
 // Submits the thread_task member `task` of records[0..count), printing
-// "fatal: add task fail" for every refused one (and running it on the calling
+// "fatal: add task fail" for refused ones (and running them on the calling
 // thread when asked to), then waits once per accepted task. Every stage of
 // the pipeline dispatches its work through this. Returns the number accepted.
 template <class Record>
 uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_refused refused) {
   uint32_t accepted = 0;
+  bool reported = false;
   for (uint32_t i = 0; i < count; ++i) {
     thread_task* t = &records[i].task;
     if (thread_pool_add_task(pool, t) == 0) {
       ++accepted;
     } else {
-      puts("fatal: add task fail");
-      if (refused == on_refused::run_inline && t->func) t->retval = t->func(t->arg);
+      if (!reported || refused != on_refused::run_inline_report_once) puts("fatal: add task fail");
+      reported = true;
+      if (refused != on_refused::skip && t->func) t->retval = t->func(t->arg);
     }
   }
   for (uint32_t i = 0; i < accepted; ++i) thread_pool_wait(pool);
