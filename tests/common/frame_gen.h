@@ -135,6 +135,16 @@ inline half_float::half* hp(std::vector<uint16_t>& v) {
   return reinterpret_cast<half_float::half*>(v.data());
 }
 
+// An instance handle (base_anchors_9 unless given), exited on destruction.
+struct handle {
+  void* h;
+  explicit handle(frcnn_desc d, const std::vector<float>& anchors = base_anchors_9())
+      : h(opt_layers_instance_frcnn_init(&d, const_cast<float*>(anchors.data()))) {}
+  ~handle() { opt_layers_instance_frcnn_exit(h); }
+  handle(const handle&) = delete;
+  handle& operator=(const handle&) = delete;
+};
+
 // A small frame for the robustness tests: 3 anchors on an 8 x 10 map (rows at pitch 11) of a
 // 500 x 300 image, 100 proposals before NMS and 30 after, no size limit,
 // 4 classes, 16 channels pooled 2 x 2.

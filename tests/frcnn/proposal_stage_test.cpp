@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <array>
-#include <thread>
 
 #include "common/frame_gen.h"
 #include "common/test_util.h"
@@ -96,11 +95,8 @@ std::vector<uint16_t> reference_proposals(const frcnn_desc& d, const std::vector
   return out;
 }
 
-struct handle {
-  void* h;
-  explicit handle(frcnn_desc d, const std::vector<float>& anchors)
-      : h(opt_layers_instance_frcnn_init(&d, const_cast<float*>(anchors.data()))) {}
-  ~handle() { opt_layers_instance_frcnn_exit(h); }
+struct handle : ol_test::handle {
+  using ol_test::handle::handle;
   ol::frcnn_context* ctx() const { return static_cast<ol::frcnn_context*>(h); }
 };
 
@@ -304,46 +300,6 @@ TEST(proposal_stage, debug_counts_and_empty_frames) {
     EXPECT_EQ(opt_layers_instance_frcnn_prenms(h.h, hp(f.cls), hp(f.bbox), nullptr), 0);
     EXPECT_EQ(cap.end(), c.want);
   }
-}
-
-// Handles are independent: several threads, each with its own handle,
-// alternating with the global context, give the results of one handle alone.
-TEST(proposal_stage, concurrent_handles_match_a_single_one) {
-  const std::vector<float> anchors = ol_test::base_anchors_9();
-  const frcnn_desc d = ol_test::vgg16_desc(2, false);
-  std::vector<ol_test::rpn_frame> frames;
-  std::vector<std::vector<uint16_t>> want;
-  {
-    handle h(d, anchors);
-    for (int i = 0; i < 3; ++i) {
-      frames.push_back(ol_test::make_rpn_frame(d, 20 + i));
-      want.push_back(run_prenms(h.h, frames.back()));
-    }
-  }
-  frcnn_desc g = d;
-  ASSERT_EQ(opt_layers_frcnn_init(&g, const_cast<float*>(anchors.data())), 0);
-  std::vector<std::thread> threads;
-  std::vector<int> mismatches(4, 0);
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&, t] {
-      frcnn_desc mine = d;
-      mine.thread_num = static_cast<uint8_t>(1 + t);
-      handle h(mine, anchors);
-      for (int round = 0; round < 5; ++round)
-        for (size_t i = 0; i < frames.size(); ++i) {
-          ol_test::rpn_frame f = frames[i];
-          if (run_prenms(h.h, f) != want[i]) ++mismatches[t];
-        }
-    });
-  for (size_t i = 0; i < frames.size(); ++i) {
-    half_float::half* props = nullptr;
-    const int k = opt_layers_frcnn_prenms(hp(frames[i].cls), hp(frames[i].bbox), &props);
-    ASSERT_EQ(static_cast<size_t>(5 * k), want[i].size());
-    EXPECT_TRUE(std::equal(want[i].begin(), want[i].end(), reinterpret_cast<uint16_t*>(props)));
-  }
-  for (auto& t : threads) t.join();
-  opt_layers_frcnn_exit();
-  for (int m : mismatches) EXPECT_EQ(m, 0);
 }
 
 }  // namespace

@@ -20,11 +20,8 @@ using ol_test::run_frame;
 constexpr uint16_t kNaN = 0x7E00, kInf = 0x7C00, kNegInf = 0xFC00;
 const uint16_t kSpecials[] = {kNaN, 0xFE01, kInf, kNegInf, 0x8000, 0x7BFF, 0x0001};
 
-struct handle {
-  void* h;
-  explicit handle(frcnn_desc d, const float* anchors = ol_test::base_anchors_9().data())
-      : h(opt_layers_instance_frcnn_init(&d, const_cast<float*>(anchors))) {}
-  ~handle() { opt_layers_instance_frcnn_exit(h); }
+struct handle : ol_test::handle {
+  using ol_test::handle::handle;
   const ol::frcnn_context* ctx() const { return static_cast<const ol::frcnn_context*>(h); }
 };
 
@@ -352,7 +349,7 @@ TEST(hostile_desc, huge_stride_shifts_anchors_without_overflow) {
   d.anchor_num = 2;
   d.fmap_h = d.fmap_w = 5;
   d.fmap_scale = 0x80808080u;
-  handle hd(d, base.data());
+  handle hd(d, base);
   ASSERT_NE(hd.h, nullptr);
   const float* got = hd.ctx()->anchors;
   const int64_t S = static_cast<int32_t>(d.fmap_scale);
