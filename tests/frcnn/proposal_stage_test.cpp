@@ -7,6 +7,7 @@
 
 #include <algorithm>
 #include <array>
+#include <functional>
 
 #include "common/frame_gen.h"
 #include "common/test_util.h"
@@ -241,42 +242,44 @@ TEST(proposal_stage, never_visited_bucket_gives_no_stale_proposal) {
   }
 }
 
+// Every entry point's refusals, in both forms: the messages byte for byte,
+// -1, and the context lock released (also after a failed stage).
 TEST(proposal_stage, failures_print_their_messages_and_release_the_lock) {
-  const std::vector<float> anchors = ol_test::base_anchors_9();
   frcnn_desc d = small_config(2, false);
-  ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 1);
-  std::vector<uint16_t> nms_out(4 * d.post_nms_num);
-  {
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_frcnn_prenms(hp(f.cls), hp(f.bbox), nullptr), -1);
-    EXPECT_EQ(opt_layers_frcnn_prenms_nms(hp(f.cls), hp(f.bbox), hp(nms_out)), -1);
-    EXPECT_EQ(opt_layers_frcnn_prenms_nms(nullptr, hp(f.bbox), nullptr), -1);
-    EXPECT_EQ(cap.end(),
-              "opt_layers library is not inited\n"
-              "opt_layers library is not inited\nfrcnn prenms err\n"
-              "frcnn nms_out is NULL\n");
-  }
-  handle h(d, anchors);
-  {
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_instance_frcnn_prenms(h.h, nullptr, hp(f.bbox), nullptr), -1);
-    EXPECT_EQ(opt_layers_instance_frcnn_prenms_nms(h.h, hp(f.cls), nullptr, hp(nms_out)), -1);
-    EXPECT_EQ(cap.end(),
-              ol_test::format("RPN Output (cls or bbox) is NULL: %p %p\n", nullptr,
-                              static_cast<void*>(f.bbox.data())) +
-                  ol_test::format("RPN Output (cls or bbox) is NULL: %p %p\n",
-                                  static_cast<void*>(f.cls.data()), nullptr) +
-                  "frcnn prenms err\n");
-  }
   d.bbox_type = 2;
-  handle bad(d, anchors);
-  for (int i = 0; i < 2; ++i) {
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_instance_frcnn_prenms(bad.h, hp(f.cls), hp(f.bbox), nullptr), -1);
-    EXPECT_EQ(cap.end(), "Unsupport bbox type: 2\n");
+  handle bad(d);
+  d.bbox_type = 0;
+  handle ok(d);
+  ol_test::frame_arrays a(d);
+  half_float::half *cls = a.cls.half(), *bbox = a.bbox.half(), *nms = a.nms_out.half();
+  uint16_t *fmap = a.fmap.data(), *pooled = a.roi_result.data();
+  const std::string null_cls = ol_test::format("RPN Output (cls or bbox) is NULL: %p %p\n", nullptr, a.bbox.data());
+  const std::string null_bbox = ol_test::format("RPN Output (cls or bbox) is NULL: %p %p\n", a.cls.data(), nullptr);
+  const struct {
+    std::function<int()> call;
+    std::string want;
+  } cases[] = {
+      {[&] { return opt_layers_frcnn_prenms(cls, bbox, nullptr); }, "opt_layers library is not inited\n"},
+      {[&] { return opt_layers_frcnn_prenms_nms(cls, bbox, nms); }, "opt_layers library is not inited\nfrcnn prenms err\n"},
+      {[&] { return opt_layers_frcnn_prenms_nms(nullptr, bbox, nullptr); }, "frcnn nms_out is NULL\n"},
+      {[&] { return opt_layers_frcnn_pre_nms_roi(cls, bbox, fmap, pooled, nms); }, "frcnn handle is NULL for pre_nms_roi\n"},
+      {[&] { return opt_layers_frcnn_post_nms(cls, bbox, nms, nms, 1); }, "frcnn handle is NULL for post_nms\n"},
+      {[&] { return opt_layers_instance_frcnn_prenms(ok.h, nullptr, bbox, nullptr); }, null_cls},
+      {[&] { return opt_layers_instance_frcnn_prenms_nms(ok.h, cls, nullptr, nms); }, null_bbox + "frcnn prenms err\n"},
+      {[&] { return opt_layers_instance_frcnn_pre_nms_roi(ok.h, nullptr, bbox, fmap, pooled, nms); },
+       null_cls + "frcnn prenms err\nfrcnn nms err\n"},
+      {[&] { return opt_layers_instance_frcnn_post_nms(ok.h, cls, bbox, nms, nullptr, 1); },
+       "frcnn_post_nms input pointer is NULL\n"},
+      {[&] { return opt_layers_instance_frcnn_prenms(bad.h, cls, bbox, nullptr); }, "Unsupport bbox type: 2\n"},
+      {[&] { return opt_layers_instance_frcnn_prenms_nms(bad.h, cls, bbox, nms); }, "Unsupport bbox type: 2\nfrcnn prenms err\n"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(c.call(), -1) << c.want; }), c.want);
+    for (const handle* x : {&ok, &bad}) {
+      EXPECT_EQ(pthread_mutex_trylock(&x->ctx()->lock), 0) << c.want;
+      pthread_mutex_unlock(&x->ctx()->lock);
+    }
   }
-  EXPECT_EQ(pthread_mutex_trylock(&bad.ctx()->lock), 0);
-  pthread_mutex_unlock(&bad.ctx()->lock);
 }
 
 // Debug counts (only with is_debug), for a threshold above every score

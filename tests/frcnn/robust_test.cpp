@@ -56,45 +56,44 @@ struct op_entry {
   op_fn run;
   bool nan_box_gives_zeros;
 };
+int pool_op(op_inputs& in, int gw, int gh, std::vector<short>& out, bool sign) {
+  out.assign(size_t(2) * 4 * gw * gh * 16, 0x5A5A);
+  return (sign ? roi_pooling_sign : roi_pooling)(ol_test::as_half(in.hbox), in.hmap.data(),
+                                                 reinterpret_cast<uint16_t*>(out.data()), 2, gw, gh, 0,
+                                                 16, 0, in.H, in.W, 64);
+}
+int bilinear_op(op_inputs& in, int gw, int gh, std::vector<short>& out, int which) {
+  short* maps[3] = {in.smap.data(), in.smap.data(), in.smap.data()};
+  unsigned scales[3] = {1, 1, 1};
+  out.assign(size_t(2) * gw * gh * 32, 0x5A5A);
+  ol_test::stdout_capture cap;  // crop_and_resize prints a line per sample outside the map
+  float* b = in.fbox.data();
+  return which == 0   ? roi_align_fmap_int16(in.smap.data(), 16, b, 2, in.W, in.H, gw, gh, 32, out.data())
+         : which == 1 ? roi_align_four_fmap_int16(maps, scales, b, 2, in.W, in.H, gw, gh, 32, out.data())
+                      : crop_and_resize_fmap_int16(in.smap.data(), 0.1f, 0.1f, 0.0f, b, 2, in.W, in.H, gw,
+                                                   gh, 32, out.data());
+}
+// Both position-sensitive forms and both channel paths; out holds 1 where
+// the last call wrote a non-zero float.
+int ps_op(op_inputs& in, int, int, std::vector<short>& out) {
+  const int g = in.group;
+  std::vector<float> o(size_t(2) * g * g * 24, 3.0f);
+  int rc = ps_roi_pooling(in.psmap.data(), in.psW, in.psH, g * g * 21, 24, in.fbox.data(), 2, o.data(),
+                          g, g, 21, 24, 0.125f, g);
+  for (int oc : {21, 10})
+    rc |= ps_roi_pooling_scale(in.psmap.data(), in.psW, in.psH, g * g * oc, 24, in.fbox.data(), 2,
+                               o.data(), g, g, oc, 24, 0.0625f, g, 1.2f, 1.0f, 1.0f);
+  out.assign(o.size(), 0);
+  for (size_t i = 0; i < o.size(); ++i) out[i] = o[i] != 0.0f;
+  return rc;
+}
 const op_entry kOperators[] = {
-    {"roi_pooling", [](op_inputs& in, int gw, int gh, std::vector<short>& out) {
-       out.assign(size_t(2) * 4 * gw * gh * 16, 0x5A5A);
-       return roi_pooling(ol_test::as_half(in.hbox), in.hmap.data(), reinterpret_cast<uint16_t*>(out.data()), 2, gw,
-                          gh, 0, 16, 0, in.H, in.W, 64);
-     }, false},
-    {"roi_pooling_sign", [](op_inputs& in, int gw, int gh, std::vector<short>& out) {
-       out.assign(size_t(2) * 4 * gw * gh * 16, 0x5A5A);
-       return roi_pooling_sign(ol_test::as_half(in.hbox), in.hmap.data(), reinterpret_cast<uint16_t*>(out.data()), 2,
-                               gw, gh, 0, 16, 0, in.H, in.W, 64);
-     }, false},
-    {"roi_align", [](op_inputs& in, int gw, int gh, std::vector<short>& out) {
-       out.assign(size_t(2) * gw * gh * 32, 0x5A5A);
-       return roi_align_fmap_int16(in.smap.data(), 16, in.fbox.data(), 2, in.W, in.H, gw, gh, 32, out.data());
-     }, true},
-    {"roi_align_four", [](op_inputs& in, int gw, int gh, std::vector<short>& out) {
-       short* maps[3] = {in.smap.data(), in.smap.data(), in.smap.data()};
-       unsigned scales[3] = {1, 1, 1};
-       out.assign(size_t(2) * gw * gh * 32, 0x5A5A);
-       return roi_align_four_fmap_int16(maps, scales, in.fbox.data(), 2, in.W, in.H, gw, gh, 32, out.data());
-     }, true},
-    {"crop_and_resize", [](op_inputs& in, int gw, int gh, std::vector<short>& out) {
-       out.assign(size_t(2) * gw * gh * 32, 0x5A5A);
-       ol_test::stdout_capture cap;  // one line per sample outside the map
-       return crop_and_resize_fmap_int16(in.smap.data(), 0.1f, 0.1f, 0.0f, in.fbox.data(), 2, in.W, in.H, gw,
-                                         gh, 32, out.data());
-     }, true},
-    {"ps_roi_pooling", [](op_inputs& in, int, int, std::vector<short>& out) {
-       const int g = in.group;
-       std::vector<float> o(size_t(2) * g * g * 24, 3.0f);
-       int rc = ps_roi_pooling(in.psmap.data(), in.psW, in.psH, g * g * 21, 24, in.fbox.data(), 2, o.data(), g, g,
-                               21, 24, 0.125f, g);
-       for (int oc : {21, 10})
-         rc |= ps_roi_pooling_scale(in.psmap.data(), in.psW, in.psH, g * g * oc, 24, in.fbox.data(), 2, o.data(),
-                                    g, g, oc, 24, 0.0625f, g, 1.2f, 1.0f, 1.0f);
-       out.assign(o.size(), 0);
-       for (size_t i = 0; i < o.size(); ++i) out[i] = o[i] == 0.0f ? 0 : 1;
-       return rc;
-     }, true},
+    {"roi_pooling", [](op_inputs& in, int w, int h, std::vector<short>& o) { return pool_op(in, w, h, o, false); }, false},
+    {"roi_pooling_sign", [](op_inputs& in, int w, int h, std::vector<short>& o) { return pool_op(in, w, h, o, true); }, false},
+    {"roi_align", [](op_inputs& in, int w, int h, std::vector<short>& o) { return bilinear_op(in, w, h, o, 0); }, true},
+    {"roi_align_four", [](op_inputs& in, int w, int h, std::vector<short>& o) { return bilinear_op(in, w, h, o, 1); }, true},
+    {"crop_and_resize", [](op_inputs& in, int w, int h, std::vector<short>& o) { return bilinear_op(in, w, h, o, 2); }, true},
+    {"ps_roi_pooling", ps_op, true},
 };
 
 // NaN boxes (and NaN, infinite maps and scales) index nothing outside the

@@ -168,32 +168,6 @@ TEST(thread_pool, one_and_thirty_two_workers) {
   }
 }
 
-// Long runs of small batches, as the pipeline does per frame: nothing is
-// lost or run twice, and once prepared the pool allocates nothing.
-TEST(thread_pool, many_batches) {
-  for (uint32_t workers : {1u, 4u}) {
-    for (uint32_t batch : {10u, 300u}) {
-      thread_pool* pool = ol::thread_pool_create(workers);
-      ASSERT_NE(pool, nullptr);
-      std::vector<record> recs(batch);
-      ASSERT_EQ(ol::thread_pool_prepare(pool, batch), 0);
-      alloc_failer counter;
-      uint64_t bad = 0;
-      for (uint32_t round = 0; round < (50000 + batch - 1) / batch; ++round) {
-        init_records(recs);
-        bad += ol::dispatch_tasks(pool, recs.data(), batch, ol::on_refused::skip) != batch;
-        for (uint32_t i = 0; i < batch; ++i)
-          bad += recs[i].runs.load(std::memory_order_relaxed) != 1 ||
-                 recs[i].task.retval != recs[i].value * 3 + 1;
-      }
-      counter.remove();
-      EXPECT_EQ(bad, 0u) << workers << " workers, batch " << batch;
-      EXPECT_EQ(counter.count, 0) << "allocations in steady state";
-      ol::thread_pool_destroy(pool);
-    }
-  }
-}
-
 // With the only worker held, a task whose queue nodes cannot be had is
 // refused and leaves no node reserved; accepted tasks all come back. After
 // prepare(n), a batch of n allocates nothing even in the worst case: all n
