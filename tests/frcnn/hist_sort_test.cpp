@@ -250,10 +250,11 @@ TEST(HistWalk, InconsistentBucketsReportAndStop) {
 
 // rpn_sort into a poisoned buffer: the histogram path writes min(M, pre)
 // entries, the comparison path M.
+// The comparison path runs on scratch as the context gives it.
 u32v sort_path(hist_fixture& fx, const u16v& s, uint32_t pre, bool use_qsort) {
-  u32v out(s.size() + 4, 0xA5A5A5A5);
-  const uint32_t written =
-      ol::rpn_sort(&fx.t, s.data(), pre, out.data(), static_cast<uint32_t>(s.size()), use_qsort);
+  u32v out(s.size() + 4, 0xA5A5A5A5), scratch(s.size());
+  const uint32_t written = ol::rpn_sort(&fx.t, s.data(), pre, out.data(), static_cast<uint32_t>(s.size()),
+                                        use_qsort, scratch.data());
   const size_t n = use_qsort ? s.size() : std::min<size_t>(s.size(), pre);
   EXPECT_EQ(written, n);
   for (size_t i = n; i < out.size(); ++i) EXPECT_EQ(out[i], 0xA5A5A5A5u) << i;
@@ -278,18 +279,21 @@ TEST(RpnSort, HistogramIsStableComparisonDescends) {
       for (int i = 0; i < 21546; ++i)
         s.push_back(ol_test::h(0.125f * static_cast<float>(r.next() % 9) - 0.5f));
       for (int k = 0; k < 50; ++k) s[r.next() % s.size()] = k % 2 ? 0x8000 : 0x0000;
+      for (int k = 0; round % 6 == 5 && k < 50; ++k) s[r.next() % s.size()] = 0x7E00;  // NaN
     }
     const uint32_t pre = mode < 2 ? static_cast<uint32_t>(r.range(1, 7000)) : 6000;
     const u32v ref = ref_sorted(s);
     const u32v hist = sort_path(fx, s, pre, false);
     ASSERT_EQ(hist, u32v(ref.begin(), ref.begin() + hist.size())) << round;
-    // The comparison path: a permutation, descending (equal scores in any order).
-    const u32v q = sort_path(fx, s, pre, true);
-    u32v sorted_q = q;
-    std::sort(sorted_q.begin(), sorted_q.end());
-    ASSERT_EQ(sorted_q, iota_vec(0, static_cast<uint32_t>(s.size()))) << round;
-    for (size_t i = 0; i + 1 < q.size(); ++i)
-      ASSERT_GE(ol_test::f(s[q[i]]), ol_test::f(s[q[i + 1]])) << round << " " << i;
+    // The comparison path: a stable sort by descending score (+0 equal to
+    // -0); with NaN scores present, still a permutation.
+    u32v q = sort_path(fx, s, pre, true), want = iota_vec(0, static_cast<uint32_t>(s.size()));
+    if (round % 6 == 5) {
+      std::sort(q.begin(), q.end());
+    } else {
+      std::stable_sort(want.begin(), want.end(), [&](uint32_t x, uint32_t y) { return ol_test::f(s[x]) > ol_test::f(s[y]); });
+    }
+    ASSERT_EQ(q, want) << round;
   }
 }
 
