@@ -78,6 +78,10 @@ std::vector<uint16_t> reference_proposals(const frcnn_desc& d, const std::vector
       e[j] = oh::to_float(f.bbox[(4 * a + j) * plane + static_cast<size_t>(y) * d.fmap_pitch + x]);
     float dx = e[0], dy = e[1], dw = e[2], dh = e[3];
     if (d.bbox_type == 1) std::swap(dx, dy), std::swap(dw, dh);
+    if (d.is_apply_bbox_scale_factor) {
+      const auto& k = d.bbox_scale_factor;
+      dx *= k.center_x, dy *= k.center_y, dw *= k.width, dh *= k.height;
+    }
     const float pw = wa * expf(dw), ph = ha * expf(dh);
     if (pw + 1.0f < static_cast<float>(d.min_size) || ph + 1.0f < static_cast<float>(d.min_size))
       continue;
@@ -152,6 +156,8 @@ TEST(proposal_stage, matches_direct_formulation) {
         d.is_filter_rpn_cls = filter;
         d.rpn_cls_threshold = threshold;
         d.bbox_type = (mode + filter) % 2;
+        d.is_apply_bbox_scale_factor = threshold != 0.0f;
+        d.bbox_scale_factor = {0.5f, 2.0f, 0.25f, 1.5f};
         d.min_size = 120;
         d.pre_nms_num = 200;
         ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 5 + mode);
