@@ -141,22 +141,25 @@ frcnn_desc one_row_config(bool qsort, uint32_t width, uint32_t pre_nms, float mi
 // every mode (mode 3: both flags, the difference wins), with and without the
 // threshold (truncated to half, strict), among signed zeros, negatives,
 // infinities, NaN and the threshold rounded and truncated (or all-distinct
-// scores), with some NaN deltas. min_size drops many candidates and pre_nms_num 200
+// scores), with some NaN deltas, and with the box scale factors (threshold
+// 0.125). min_size drops many candidates and pre_nms_num 200
 // makes the refill run. 1 and 8 workers, both sort paths: both must
 // reproduce the stable order exactly.
 TEST(proposal_stage, matches_direct_formulation) {
   const std::vector<float> anchors = ol_test::base_anchors_9();
-  ol_test::rng r(3);
+  ol_test::rng stream(3);
   for (int mode = 0; mode < 4; ++mode)
     for (int filter = 0; filter < 2; ++filter)
-      for (float threshold : {0.0f, -0.5f, 0.3f}) {
+      for (float threshold : {0.0f, -0.5f, 0.3f, 0.125f}) {
+        // The scaled cases draw from their own stream.
+        ol_test::rng own(mode * 2 + filter), &r = threshold == 0.125f ? own : stream;
         frcnn_desc d = small_config(1, false);
         d.is_rpn_cls_fg_minus_bg = mode == 1 || mode == 3;
         d.is_rpn_cls_fg_only = mode >= 2;
         d.is_filter_rpn_cls = filter;
         d.rpn_cls_threshold = threshold;
         d.bbox_type = (mode + filter) % 2;
-        d.is_apply_bbox_scale_factor = threshold != 0.0f;
+        d.is_apply_bbox_scale_factor = threshold == 0.125f;
         d.bbox_scale_factor = {0.5f, 2.0f, 0.25f, 1.5f};
         d.min_size = 120;
         d.pre_nms_num = 200;
