@@ -268,16 +268,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   filler f(size);
   fill_floats(base, in, 16, f, 300.0f);
   const frame_inputs plan = plan_frames(d, in);
-  if (getenv("OL_FUZZ_VERBOSE")) {
-    fprintf(stderr, "threads %u flags %02x %02x A %u pre %u post %u classes %u img %ux%u scale %u "
-            "fmap %ux%ux%u pitch %u cls_pitch %u min %u pool %ux%u rcnn pitches %u %u type %u "
-            "runnable %d pool %d roi_num %u null %d\n",
-            d.thread_num, reinterpret_cast<uint8_t*>(&d)[1], reinterpret_cast<uint8_t*>(&d)[2],
-            d.anchor_num, d.pre_nms_num, d.post_nms_num, d.class_num, d.img_h, d.img_w,
-            d.fmap_scale, d.fmap_d, d.fmap_h, d.fmap_w, d.fmap_pitch, d.rpn_cls_pitch, d.min_size,
-            d.pool_h, d.pool_w, d.rcnn_bbox_pitch, d.rcnn_cls_pitch, d.bbox_type, plan.runnable,
-            plan.can_pool, plan.roi_num, plan.null_case);
-  }
 
   reset_budget();
   void* h = opt_layers_instance_frcnn_init(&d, base.data());

@@ -127,15 +127,4 @@ TEST(half, subnormals_overflow_and_specials) {
   }
 }
 
-TEST(half, random_floats) {
-  ol_test::rng r(7);
-  for (int i = 0; i < 200000; ++i) {
-    // Biased to the exponents a half can hold (2^-26 .. 2^17).
-    uint32_t u = r.next();
-    if (i % 4 != 0) u = (u & 0x807FFFFFu) | ((101u + r.next() % 44u) << 23);
-    if (!isnan(float_of(u))) expect_around(float_of(u), 0);
-    if (HasFailure()) return;
-  }
-}
-
 }  // namespace

@@ -1,4 +1,5 @@
-// Helpers shared by the tests: stdout capture, poisoned buffers, halves.
+// Helpers shared by the tests: stdout capture, exactly sized and poisoned
+// buffers, halves, thread counts, small stacks, a deterministic generator.
 #ifndef OL_TESTS_TEST_UTIL_H
 #define OL_TESTS_TEST_UTIL_H
 
@@ -6,6 +7,8 @@
 #include <stdint.h>
 #include <stdio.h>
 
+#include <functional>
+#include <memory>
 #include <string>
 #include <vector>
 
@@ -14,7 +17,7 @@
 namespace ol_test {
 
 // Captures everything the library prints to standard output (printf and
-// puts) between begin() and end().
+// puts) from construction to end().
 class stdout_capture {
  public:
   stdout_capture() {
@@ -34,11 +37,35 @@ class stdout_capture {
   bool done_ = false;
 };
 
+// What fn printed.
+inline std::string printed(const std::function<void()>& fn) {
+  stdout_capture cap;
+  fn();
+  return cap.end();
+}
+
 inline uint16_t h(float f) { return opt_layers_half::from_float_round(f); }
 inline float f(uint16_t bits) { return opt_layers_half::to_float(bits); }
 
 inline half_float::half* as_half(uint16_t* p) { return reinterpret_cast<half_float::half*>(p); }
 inline half_float::half* as_half(std::vector<uint16_t>& v) { return as_half(v.data()); }
+
+// n elements on the heap, exactly (AddressSanitizer reports any access past
+// them), never a NULL pointer (also for n = 0), every element `poison`.
+template <class T>
+struct exact_array {
+  std::unique_ptr<T[]> p;
+  size_t n = 0;
+  explicit exact_array(size_t count = 0, T poison = T()) : p(new T[count]), n(count) {
+    fill(poison);
+  }
+  void fill(T v) { std::fill(p.get(), p.get() + n, v); }
+  T* data() { return p.get(); }
+  T& operator[](size_t i) { return p[i]; }
+  half_float::half* half() { return reinterpret_cast<half_float::half*>(p.get()); }
+  std::vector<T> vec(size_t count) const { return std::vector<T>(p.get(), p.get() + count); }
+  std::vector<T> vec() const { return vec(n); }
+};
 
 // Threads of this process (entries of /proc/self/task).
 int live_threads();
@@ -48,6 +75,9 @@ int settled_threads(int expected);
 // The thread count once it has stopped changing (threads joined by earlier
 // code may still be leaving): the baseline for settled_threads.
 int quiet_threads();
+
+// Runs fn on a new thread with a 128 KiB stack and waits for it.
+void on_small_stack(const std::function<void()>& fn);
 
 // printf into a std::string, for building expected messages.
 std::string format(const char* fmt, ...) __attribute__((format(printf, 1, 2)));

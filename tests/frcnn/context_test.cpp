@@ -23,31 +23,20 @@ TEST(version, reports_the_library) {
   opt_layers_version v;
   memset(&v, 0xA5, sizeof v);
   EXPECT_EQ(opt_layers_get_version(&v), 0);
-  EXPECT_EQ(v.major, 1u);
-  EXPECT_EQ(v.minor, 1u);
-  EXPECT_EQ(v.patch, 2u);
-  EXPECT_EQ(v.build_date, 0x20191230u);
-  EXPECT_STREQ(v.description, "Norvantix Faster RCNN Library");
-  stdout_capture cap;
-  EXPECT_EQ(opt_layers_get_version(nullptr), -1);
-  EXPECT_EQ(cap.end(), "Version pointer is NULL\n");
+  EXPECT_EQ(ol_test::format("%u.%u.%u %x %s", v.major, v.minor, v.patch, v.build_date, v.description),
+            "1.1.2 20191230 Norvantix Faster RCNN Library");
+  EXPECT_EQ(ol_test::printed([] { EXPECT_EQ(opt_layers_get_version(nullptr), -1); }),
+            "Version pointer is NULL\n");
 }
 
 TEST(global_context, init_twice_exit_without_init_and_reinit) {
   std::vector<float> anchors = ol_test::base_anchors_9();
   frcnn_desc d = ol_test::mobile_desc(2, false);
-  {
-    stdout_capture cap;
-    opt_layers_frcnn_exit();
-    EXPECT_EQ(cap.end(), "frcnn handle is NULL for exit\n");
-  }
+  EXPECT_EQ(ol_test::printed(opt_layers_frcnn_exit), "frcnn handle is NULL for exit\n");
   ASSERT_EQ(opt_layers_frcnn_init(&d, anchors.data()), 0);
   ol::frcnn_context* first = ol::global_context();
-  {
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_frcnn_init(&d, anchors.data()), -1);
-    EXPECT_EQ(cap.end(), "opt_layers_frcnn_init call already, do not init agarin\n");
-  }
+  EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_init(&d, anchors.data()), -1); }),
+            "opt_layers_frcnn_init call already, do not init agarin\n");
   EXPECT_EQ(ol::global_context(), first);
   // The first context keeps working; a new init takes the new configuration.
   ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 1);
@@ -182,10 +171,11 @@ TEST(global_context, refused_configurations_print_their_reasons) {
 TEST(instance_context, exit_of_an_uninitialised_context_frees_nothing) {
   ol::frcnn_context ctx;
   memset(&ctx, 0, sizeof ctx);
-  stdout_capture cap;
-  opt_layers_instance_frcnn_exit(&ctx);
-  opt_layers_instance_frcnn_exit(nullptr);
-  EXPECT_EQ(cap.end(), "opt_layers library is not inited\nfrcnn handle is NULL for exit\n");
+  EXPECT_EQ(ol_test::printed([&] {
+              opt_layers_instance_frcnn_exit(&ctx);
+              opt_layers_instance_frcnn_exit(nullptr);
+            }),
+            "opt_layers library is not inited\nfrcnn handle is NULL for exit\n");
 }
 
 // The histogram tables exist only on the histogram path, with N * 20 / 2048
@@ -270,17 +260,13 @@ TEST(instance_context, every_allocation_failure_is_clean) {
   }
 }
 
-// 500 cycles per sort path (25 under ThreadSanitizer; OL_CYCLES sets it
-// for slow runners such as valgrind), each an instance and a global one.
+// Cycles per sort path, each an instance and a global one (OL_CYCLES sets
+// the count, for slow runners such as valgrind).
 TEST(instance_context, repeated_cycles_leave_nothing_behind) {
   std::vector<float> anchors = ol_test::base_anchors_9();
   const int threads_before = ol_test::quiet_threads();
   const char* env = getenv("OL_CYCLES");
-#ifdef __SANITIZE_THREAD__
   const int cycles = env ? atoi(env) : 25;
-#else
-  const int cycles = env ? atoi(env) : 500;
-#endif
   for (bool qsort : {true, false}) {
     frcnn_desc d = ol_test::mobile_desc(2, qsort);
     d.anchor_num = 3;

@@ -3,7 +3,6 @@
 
 #include <gtest/gtest.h>
 #include <math.h>
-#include <pthread.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -176,9 +175,11 @@ TEST(Nms, InclusiveSizesAndStrictTest) {
 
 TEST(Nms, EmptyCallsWriteNothing) {
   std::vector<uint16_t> in(10, h(5.0f));
-  // 40000 is negative as a 16-bit count.
-  for (auto c : {std::make_pair(0, 4), std::make_pair(-1, 4), std::make_pair(2, 0),
-                 std::make_pair(2, -5), std::make_pair(-70000, 4), std::make_pair(40000, 4)}) {
+  // 40000 is negative as a 16-bit count; -40000 has low 16 bits that read as
+  // a positive count (found by fuzzing: boxes never given were written).
+  for (auto c : {std::make_pair(0, 4), std::make_pair(-1, 4), std::make_pair(2, 0), std::make_pair(2, -5),
+                 std::make_pair(-70000, 4), std::make_pair(40000, 4), std::make_pair(-40000, 4),
+                 std::make_pair(INT32_MIN, 4)}) {
     std::vector<uint16_t> out(16, k_poison);
     EXPECT_EQ(0, call_nms(out.data(), in.data(), c.first, 0.5f, c.second));
     EXPECT_EQ(0, call_kernel(out.data(), in.data(), c.first, 0.5f, c.second));
@@ -197,42 +198,24 @@ TEST(Nms, CountsBeyondSixteenBits) {
   EXPECT_EQ(ol::nms_scratch_bytes(32767), ol::nms_scratch_bytes(40000));
 }
 
-struct thread_job {
-  const std::vector<uint16_t>* in;
-  int count;
-  std::vector<uint16_t> out;
-  int result;
-};
-
-void* run_job(void* arg) {
-  auto* j = static_cast<thread_job*>(arg);
-  j->result = call_nms(j->out.data(), const_cast<uint16_t*>(j->in->data()), j->count, 0.7f, 400);
-  return nullptr;
-}
-
 // nms from a thread with a 128 KiB stack, up to the largest count: small
 // lists use no heap, larger ones one block of nms_scratch_bytes(count) per
 // call, and with the heap refusing it the same result comes out.
 TEST(Nms, StackHeapAndScratchFreePathsOnASmallThreadStack) {
   ol_test::rng rng(17);
   std::vector<uint16_t> in = make_boxes(rng, 32767, 300, true);
-  for (auto c : {std::make_pair(509, false), std::make_pair(32767, false),
-                 std::make_pair(32767, true)}) {
+  for (auto c : {std::make_pair(509, false), std::make_pair(32767, false), std::make_pair(32767, true)}) {
     alloc_log log{c.second};
     const ol::alloc_hooks hooks = {log_alloc, &log};
-    ol::set_alloc_hooks(&hooks);
-    thread_job job{&in, c.first, std::vector<uint16_t>(400 * 4, k_poison), -1};
-    pthread_attr_t attr;
-    pthread_attr_init(&attr);
-    ASSERT_EQ(0, pthread_attr_setstacksize(&attr, 128 * 1024));
-    pthread_t t;
-    ASSERT_EQ(0, pthread_create(&t, &attr, run_job, &job));
-    pthread_join(t, nullptr);
-    pthread_attr_destroy(&attr);
-    ol::set_alloc_hooks(nullptr);
-    std::vector<uint16_t> want(400 * 4, k_poison);
-    ASSERT_EQ(ol_ref::nms_ref(want.data(), in.data(), c.first, 0.7f, 400), job.result);
-    EXPECT_EQ(want, job.out);
+    std::vector<uint16_t> got(400 * 4, k_poison), want(400 * 4, k_poison);
+    int kept = -1;
+    ol_test::on_small_stack([&] {
+      ol::set_alloc_hooks(&hooks);
+      kept = call_nms(got.data(), in.data(), c.first, 0.7f, 400);
+      ol::set_alloc_hooks(nullptr);
+    });
+    ASSERT_EQ(ol_ref::nms_ref(want.data(), in.data(), c.first, 0.7f, 400), kept);
+    EXPECT_EQ(want, got);
     EXPECT_EQ(c.first > 509 ? 1 : 0, log.calls) << c.first;
     EXPECT_EQ(log.calls ? ol::nms_scratch_bytes(c.first) : 0, log.bytes);
   }

@@ -7,7 +7,7 @@
 
 #include <algorithm>
 #include <array>
-#include <thread>
+#include <functional>
 
 #include "common/cpu.h"
 #include "common/frame_gen.h"
@@ -79,6 +79,10 @@ std::vector<uint16_t> reference_proposals(const frcnn_desc& d, const std::vector
       e[j] = oh::to_float(f.bbox[(4 * a + j) * plane + static_cast<size_t>(y) * d.fmap_pitch + x]);
     float dx = e[0], dy = e[1], dw = e[2], dh = e[3];
     if (d.bbox_type == 1) std::swap(dx, dy), std::swap(dw, dh);
+    if (d.is_apply_bbox_scale_factor) {
+      const auto& k = d.bbox_scale_factor;
+      dx *= k.center_x, dy *= k.center_y, dw *= k.width, dh *= k.height;
+    }
     const float pw = wa * expf(dw), ph = ha * expf(dh);
     if (pw + 1.0f < static_cast<float>(d.min_size) || ph + 1.0f < static_cast<float>(d.min_size))
       continue;
@@ -97,11 +101,8 @@ std::vector<uint16_t> reference_proposals(const frcnn_desc& d, const std::vector
   return out;
 }
 
-struct handle {
-  void* h;
-  explicit handle(frcnn_desc d, const std::vector<float>& anchors)
-      : h(opt_layers_instance_frcnn_init(&d, const_cast<float*>(anchors.data()))) {}
-  ~handle() { opt_layers_instance_frcnn_exit(h); }
+struct handle : ol_test::handle {
+  using ol_test::handle::handle;
   ol::frcnn_context* ctx() const { return static_cast<ol::frcnn_context*>(h); }
 };
 
@@ -141,21 +142,26 @@ frcnn_desc one_row_config(bool qsort, uint32_t width, uint32_t pre_nms, float mi
 // every mode (mode 3: both flags, the difference wins), with and without the
 // threshold (truncated to half, strict), among signed zeros, negatives,
 // infinities, NaN and the threshold rounded and truncated (or all-distinct
-// scores), with some NaN deltas. min_size drops many candidates and pre_nms_num 200
+// scores), with some NaN deltas, and with the box scale factors (threshold
+// 0.125). min_size drops many candidates and pre_nms_num 200
 // makes the refill run. 1 and 8 workers, both sort paths: both must
 // reproduce the stable order exactly.
 TEST(proposal_stage, matches_direct_formulation) {
   const std::vector<float> anchors = ol_test::base_anchors_9();
-  ol_test::rng r(3);
+  ol_test::rng stream(3);
   for (int mode = 0; mode < 4; ++mode)
     for (int filter = 0; filter < 2; ++filter)
-      for (float threshold : {0.0f, -0.5f, 0.3f}) {
+      for (float threshold : {0.0f, -0.5f, 0.3f, 0.125f}) {
+        // The scaled cases draw from their own stream.
+        ol_test::rng own(mode * 2 + filter), &r = threshold == 0.125f ? own : stream;
         frcnn_desc d = small_config(1, false);
         d.is_rpn_cls_fg_minus_bg = mode == 1 || mode == 3;
         d.is_rpn_cls_fg_only = mode >= 2;
         d.is_filter_rpn_cls = filter;
         d.rpn_cls_threshold = threshold;
         d.bbox_type = (mode + filter) % 2;
+        d.is_apply_bbox_scale_factor = threshold == 0.125f;
+        d.bbox_scale_factor = {0.5f, 2.0f, 0.25f, 1.5f};
         d.min_size = 120;
         d.pre_nms_num = 200;
         ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 5 + mode);
@@ -247,42 +253,44 @@ TEST(proposal_stage, never_visited_bucket_gives_no_stale_proposal) {
   }
 }
 
+// Every entry point's refusals, in both forms: the messages byte for byte,
+// -1, and the context lock released (also after a failed stage).
 TEST(proposal_stage, failures_print_their_messages_and_release_the_lock) {
-  const std::vector<float> anchors = ol_test::base_anchors_9();
   frcnn_desc d = small_config(2, false);
-  ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 1);
-  std::vector<uint16_t> nms_out(4 * d.post_nms_num);
-  {
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_frcnn_prenms(hp(f.cls), hp(f.bbox), nullptr), -1);
-    EXPECT_EQ(opt_layers_frcnn_prenms_nms(hp(f.cls), hp(f.bbox), hp(nms_out)), -1);
-    EXPECT_EQ(opt_layers_frcnn_prenms_nms(nullptr, hp(f.bbox), nullptr), -1);
-    EXPECT_EQ(cap.end(),
-              "opt_layers library is not inited\n"
-              "opt_layers library is not inited\nfrcnn prenms err\n"
-              "frcnn nms_out is NULL\n");
-  }
-  handle h(d, anchors);
-  {
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_instance_frcnn_prenms(h.h, nullptr, hp(f.bbox), nullptr), -1);
-    EXPECT_EQ(opt_layers_instance_frcnn_prenms_nms(h.h, hp(f.cls), nullptr, hp(nms_out)), -1);
-    EXPECT_EQ(cap.end(),
-              ol_test::format("RPN Output (cls or bbox) is NULL: %p %p\n", nullptr,
-                              static_cast<void*>(f.bbox.data())) +
-                  ol_test::format("RPN Output (cls or bbox) is NULL: %p %p\n",
-                                  static_cast<void*>(f.cls.data()), nullptr) +
-                  "frcnn prenms err\n");
-  }
   d.bbox_type = 2;
-  handle bad(d, anchors);
-  for (int i = 0; i < 2; ++i) {
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_instance_frcnn_prenms(bad.h, hp(f.cls), hp(f.bbox), nullptr), -1);
-    EXPECT_EQ(cap.end(), "Unsupport bbox type: 2\n");
+  handle bad(d);
+  d.bbox_type = 0;
+  handle ok(d);
+  ol_test::frame_arrays a(d);
+  half_float::half *cls = a.cls.half(), *bbox = a.bbox.half(), *nms = a.nms_out.half();
+  uint16_t *fmap = a.fmap.data(), *pooled = a.roi_result.data();
+  const std::string null_cls = ol_test::format("RPN Output (cls or bbox) is NULL: %p %p\n", nullptr, a.bbox.data());
+  const std::string null_bbox = ol_test::format("RPN Output (cls or bbox) is NULL: %p %p\n", a.cls.data(), nullptr);
+  const struct {
+    std::function<int()> call;
+    std::string want;
+  } cases[] = {
+      {[&] { return opt_layers_frcnn_prenms(cls, bbox, nullptr); }, "opt_layers library is not inited\n"},
+      {[&] { return opt_layers_frcnn_prenms_nms(cls, bbox, nms); }, "opt_layers library is not inited\nfrcnn prenms err\n"},
+      {[&] { return opt_layers_frcnn_prenms_nms(nullptr, bbox, nullptr); }, "frcnn nms_out is NULL\n"},
+      {[&] { return opt_layers_frcnn_pre_nms_roi(cls, bbox, fmap, pooled, nms); }, "frcnn handle is NULL for pre_nms_roi\n"},
+      {[&] { return opt_layers_frcnn_post_nms(cls, bbox, nms, nms, 1); }, "frcnn handle is NULL for post_nms\n"},
+      {[&] { return opt_layers_instance_frcnn_prenms(ok.h, nullptr, bbox, nullptr); }, null_cls},
+      {[&] { return opt_layers_instance_frcnn_prenms_nms(ok.h, cls, nullptr, nms); }, null_bbox + "frcnn prenms err\n"},
+      {[&] { return opt_layers_instance_frcnn_pre_nms_roi(ok.h, nullptr, bbox, fmap, pooled, nms); },
+       null_cls + "frcnn prenms err\nfrcnn nms err\n"},
+      {[&] { return opt_layers_instance_frcnn_post_nms(ok.h, cls, bbox, nms, nullptr, 1); },
+       "frcnn_post_nms input pointer is NULL\n"},
+      {[&] { return opt_layers_instance_frcnn_prenms(bad.h, cls, bbox, nullptr); }, "Unsupport bbox type: 2\n"},
+      {[&] { return opt_layers_instance_frcnn_prenms_nms(bad.h, cls, bbox, nms); }, "Unsupport bbox type: 2\nfrcnn prenms err\n"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(c.call(), -1) << c.want; }), c.want);
+    for (const handle* x : {&ok, &bad}) {
+      EXPECT_EQ(pthread_mutex_trylock(&x->ctx()->lock), 0) << c.want;
+      pthread_mutex_unlock(&x->ctx()->lock);
+    }
   }
-  EXPECT_EQ(pthread_mutex_trylock(&bad.ctx()->lock), 0);
-  pthread_mutex_unlock(&bad.ctx()->lock);
 }
 
 // Debug counts (only with is_debug), for a threshold above every score
@@ -306,46 +314,6 @@ TEST(proposal_stage, debug_counts_and_empty_frames) {
     EXPECT_EQ(opt_layers_instance_frcnn_prenms(h.h, hp(f.cls), hp(f.bbox), nullptr), 0);
     EXPECT_EQ(cap.end(), c.want);
   }
-}
-
-// Handles are independent: several threads, each with its own handle,
-// alternating with the global context, give the results of one handle alone.
-TEST(proposal_stage, concurrent_handles_match_a_single_one) {
-  const std::vector<float> anchors = ol_test::base_anchors_9();
-  const frcnn_desc d = ol_test::vgg16_desc(2, false);
-  std::vector<ol_test::rpn_frame> frames;
-  std::vector<std::vector<uint16_t>> want;
-  {
-    handle h(d, anchors);
-    for (int i = 0; i < 3; ++i) {
-      frames.push_back(ol_test::make_rpn_frame(d, 20 + i));
-      want.push_back(run_prenms(h.h, frames.back()));
-    }
-  }
-  frcnn_desc g = d;
-  ASSERT_EQ(opt_layers_frcnn_init(&g, const_cast<float*>(anchors.data())), 0);
-  std::vector<std::thread> threads;
-  std::vector<int> mismatches(4, 0);
-  for (int t = 0; t < 4; ++t)
-    threads.emplace_back([&, t] {
-      frcnn_desc mine = d;
-      mine.thread_num = static_cast<uint8_t>(1 + t);
-      handle h(mine, anchors);
-      for (int round = 0; round < 5; ++round)
-        for (size_t i = 0; i < frames.size(); ++i) {
-          ol_test::rpn_frame f = frames[i];
-          if (run_prenms(h.h, f) != want[i]) ++mismatches[t];
-        }
-    });
-  for (size_t i = 0; i < frames.size(); ++i) {
-    half_float::half* props = nullptr;
-    const int k = opt_layers_frcnn_prenms(hp(frames[i].cls), hp(frames[i].bbox), &props);
-    ASSERT_EQ(static_cast<size_t>(5 * k), want[i].size());
-    EXPECT_TRUE(std::equal(want[i].begin(), want[i].end(), reinterpret_cast<uint16_t*>(props)));
-  }
-  for (auto& t : threads) t.join();
-  opt_layers_frcnn_exit();
-  for (int m : mismatches) EXPECT_EQ(m, 0);
 }
 
 }  // namespace

@@ -100,8 +100,6 @@ void write_file(const std::string& path, const std::string& bytes) {
   std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
-float hf(uint16_t bits) { return opt_layers_half::to_float(bits); }
-
 }  // namespace
 
 TEST(demo_scene, finds_every_object_the_same_way_for_any_threads_and_sort) {
@@ -120,28 +118,6 @@ TEST(demo_scene, finds_every_object_the_same_way_for_any_threads_and_sort) {
     const labelled_box& g = b.f.ground_truth[static_cast<size_t>(e.match[i])];
     EXPECT_GT(iou_inclusive(det.x1, det.y1, det.x2, det.y2, g.x1, g.y1, g.x2, g.y2), 0.85f);
   }
-  // The clutter object (class 0, not in the ground truth) draws ROIs, so the
-  // precision above shows that the second stage rejects it.
-  const scene_object* clutter = &b.f.synthetic_scene.objects[0];
-  while (clutter->cls != 0) ++clutter;
-  uint32_t near_clutter = 0;
-  for (uint32_t i = 0; i < 4 * b.result.rois; i += 4) {
-    const uint16_t* r = &b.f.rois[i];
-    near_clutter += iou_inclusive(hf(r[0]), hf(r[1]), hf(r[2]), hf(r[3]), clutter->x1, clutter->y1,
-                                  clutter->x2, clutter->y2) > 0.5f;
-  }
-  EXPECT_GT(near_clutter, 0u);
-  // Scores are a softmax pair (background plane a, foreground anchor_num + a);
-  // pad columns stay zero.
-  const size_t fg = static_cast<size_t>(d.anchor_num) * d.fmap_h * d.rpn_cls_pitch;
-  uint32_t bad = 0;
-  for (size_t i = 0; i < fg; ++i) {
-    const uint16_t bg_bits = b.f.rpn_cls[i], fg_bits = b.f.rpn_cls[fg + i];
-    bad += i % d.rpn_cls_pitch >= d.fmap_w ? bg_bits != 0 || fg_bits != 0
-                                           : fabsf(hf(bg_bits) + hf(fg_bits) - 1.0f) > 1e-3f;
-  }
-  EXPECT_EQ(bad, 0u);
-
   // The same frame and detections for any thread count and either sort.
   for (uint8_t threads : {1, 4}) {
     for (bool use_qsort : {false, true}) {
@@ -155,81 +131,6 @@ TEST(demo_scene, finds_every_object_the_same_way_for_any_threads_and_sort) {
       EXPECT_EQ(f.rois, b.f.rois);
     }
   }
-}
-
-TEST(demo_npy, write_then_read_keeps_type_shape_and_bytes) {
-  const std::string path = temp_dir("npy") + "/a.npy";
-  const std::vector<uint16_t> v = {1, 2, 3, 0x3C00, 0xFFFF, 0x8000};
-  const std::vector<uint8_t> v_bytes = {1, 0, 2, 0, 3, 0, 0, 0x3C, 0xFF, 0xFF, 0, 0x80};
-  for (const auto& shape : std::vector<std::vector<uint64_t>>{{6}, {2, 3}, {1, 2, 3}, {6, 1}}) {
-    npy_write(path, npy_dtype::u2, shape, v.data());
-    const std::string bytes = read_file(path);
-    ASSERT_GE(bytes.size(), 10u);
-    const size_t header = 10 + (uint8_t(bytes[8]) | uint8_t(bytes[9]) << 8);
-    EXPECT_EQ(header % 64, 0u) << "data must start on a 64-byte boundary";
-    EXPECT_EQ(bytes[header - 1], '\n');
-    // The header text of a one-dimensional array keeps Python's tuple comma.
-    EXPECT_EQ(has(bytes, "'shape': (6,)"), shape.size() == 1);
-    const npy_array a = npy_read(path);
-    EXPECT_EQ(a.dtype, npy_dtype::u2);
-    EXPECT_EQ(a.shape, shape);
-    EXPECT_EQ(a.data, v_bytes);
-  }
-  // As NumPy writes a version 2.0 file: 4-byte header length, "2L" spacing.
-  std::string dict = "{'descr': '<i2', 'fortran_order': False, 'shape': (2L, 1), }";
-  dict.append(64 - (12 + dict.size() + 1) % 64, ' ') += '\n';
-  const uint32_t n = static_cast<uint32_t>(dict.size());
-  const std::string magic_len = std::string("\x93NUMPY\x02\x00", 8) + std::string((char*)&n, 4);
-  write_file(path, magic_len + dict + std::string("\x05\x00\xFF\xFF", 4));
-  const npy_array a = npy_read(path);
-  EXPECT_EQ(a.dtype, npy_dtype::i2);
-  EXPECT_EQ(a.shape, (std::vector<uint64_t>{2, 1}));
-  EXPECT_EQ(a.data, (std::vector<uint8_t>{5, 0, 0xFF, 0xFF}));  // 5, -1
-}
-
-TEST(demo_frame_dir, config_values_survive_text) {
-  // Every field set to an unusual value comes back bit for bit.
-  frame f = bundled_run().f;
-  frcnn_desc& d = f.desc;
-  d.thread_num = 3;
-  d.is_debug = d.fmap_sign = d.rcnn_bbox_share_location = d.is_anchor_bbox_suppress = 1;
-  d.is_rpn_cls_fg_minus_bg = d.is_filter_rpn_cls = d.is_apply_bbox_scale_factor = 1;
-  d.is_no_rcnn_bg_bbox = d.is_use_qsort = 1;
-  d.rpn_bbox_pitch = 123;
-  d.pool_pitch = 9;
-  d.pre_nms_iou = 0.3f;
-  d.rpn_cls_threshold = -0.37f;
-  d.cls_prob = -0.0f;
-  d.bbox_scale_factor = {0.1f, 1e-7f, 0.2f, 12345.678f};
-  d.bbox_type = 1;
-  f.base_anchors[5] = 0.1f;
-  const std::string path = temp_dir("cfg") + "/config.json";
-  const std::string text = config_json(f);
-  write_file(path, text);
-  frame g;
-  read_config(path, 1, &g);
-  EXPECT_EQ(memcmp(&g.desc, &d, sizeof d), 0) << text;
-  EXPECT_EQ(g.base_anchors, f.base_anchors);
-  for (const char* s : {"\"pre_nms_iou\": 0.3,", "\"rpn_cls_threshold\": -0.37,", "[-84, -40, 99, 55]"})
-    EXPECT_TRUE(has(text, s)) << s << "\n" << text;
-
-  // Optional fields take their defaults; flags may be 0 or 1.
-  write_file(path,
-             "{\"anchor_num\": 1, \"pre_nms_num\": 10, \"post_nms_num\": 5, \"class_num\": 2, "
-             "\"img_h\": 64, \"img_w\": 64, \"fmap_scale\": 16, \"fmap_d\": 16, \"fmap_h\": 4, "
-             "\"fmap_w\": 4, \"fmap_pitch\": 4, \"rpn_cls_pitch\": 4, \"min_size\": 0, "
-             "\"pool_h\": 2, \"pool_w\": 3, \"rcnn_bbox_pitch\": 8, \"rcnn_cls_pitch\": 2, "
-             "\"pre_nms_iou\": 0.7, \"post_nms_iou\": 0.3, \"cls_prob\": 0.5, "
-             "\"rpn_cls_threshold\": 0, \"bbox_type\": 0, \"is_use_qsort\": 1, "
-             "\"base_anchors\": [[0, 0, 15, 15]]}");
-  frame h;
-  read_config(path, 7, &h);
-  EXPECT_EQ(h.desc.thread_num, 7);
-  EXPECT_EQ(h.desc.rpn_bbox_pitch, 4u);
-  EXPECT_EQ(h.desc.pool_pitch, 3u);
-  EXPECT_EQ(h.desc.is_use_qsort, 1);
-  EXPECT_EQ(h.desc.bbox_scale_factor.height, 1.0f);
-  EXPECT_FALSE(h.have_ground_truth);
 }
 
 // Without the second stage's outputs the demo writes the pipeline's ROIs and
@@ -295,35 +196,6 @@ TEST(demo_command, bundled_run_prints_draws_and_dumps) {
   ASSERT_EQ(again.status, 0) << again.err;
   EXPECT_TRUE(has(again.out, "recall 1.00 (7 of 7 objects), precision 1.00"));
   EXPECT_TRUE(has(again.out, "comparison sort"));
-}
-
-TEST(demo_command, picture_marks_detections) {
-  const bundled& b = bundled_run();
-  const evaluation e = evaluate(b.result.detections, b.f.ground_truth, 0.5f);
-  picture_input in{&b.f, &b.result.detections, &e, nullptr, 0, ""};
-  const rgb_image img = draw_picture(in);
-  ASSERT_EQ(img.width, 1000);
-  ASSERT_EQ(img.height, 600);
-  for (const detection& d : b.result.detections) {
-    // The bottom edge of every box is drawn in the highlight colour.
-    const int x = static_cast<int>((d.x1 + d.x2) / 2), y = static_cast<int>(lroundf(d.y2)) - 1;
-    const uint8_t* p = &img.pixels[(static_cast<size_t>(y) * img.width + x) * 3];
-    EXPECT_EQ(std::vector<uint8_t>(p, p + 3), (std::vector<uint8_t>{255, 214, 0}));
-  }
-  EXPECT_EQ(img.pixels[(300 * 1000 + 5) * 3], b.f.image.pixels[(300 * 1000 + 5) * 3]);
-
-  // Names from a user's config may hold any bytes; boxes any coordinates.
-  frame f = b.f;
-  f.class_names = {"bg", "caf\xC3\xA9", std::string("tab\tnul\0x", 9), "\x7F\x80\xFF", ""};
-  f.image = rgb_image();
-  f.ground_truth.push_back({1, -1e30f, NAN, 1e30f, 5e9f});
-  std::vector<detection> dets = b.result.detections;
-  dets.push_back({4, 0.9f, -5.0f, -7.0f, 2000.0f, 1e20f});
-  const evaluation e2 = evaluate(dets, f.ground_truth, 0.5f);
-  in = {&f, &dets, &e2, nullptr, 0, std::string(400, 'x') + "\xE2\x9C\x93"};
-  const rgb_image odd = draw_picture(in);
-  EXPECT_EQ(odd.width, 1000);
-  EXPECT_EQ(odd.height, 600);
 }
 
 TEST(demo_command, options_and_usage) {

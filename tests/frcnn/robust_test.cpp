@@ -1,0 +1,454 @@
+// Robustness: hostile descriptors, NaN and infinities in every input, and
+// the largest sizes on 128 KiB stacks, through one table of the entry points
+// (common/frame_gen.h) and one of the operators. Caller arrays are sized
+// exactly (AddressSanitizer reports any access past them).
+#include <math.h>
+
+#include <string>
+
+#include "common/alloc.h"
+#include "common/frame_gen.h"
+#include "frcnn/context.h"
+#include "frcnn/nms_ref.h"
+
+namespace {
+
+using ol_test::frame_arrays;
+using ol_test::h;
+using ol_test::run_frame;
+
+constexpr uint16_t kNaN = 0x7E00, kInf = 0x7C00, kNegInf = 0xFC00;
+const uint16_t kSpecials[] = {kNaN, 0xFE01, kInf, kNegInf, 0x8000, 0x7BFF, 0x0001};
+
+struct handle : ol_test::handle {
+  using ol_test::handle::handle;
+  const ol::frcnn_context* ctx() const { return static_cast<const ol::frcnn_context*>(h); }
+};
+
+// ---- the operators, one table -----------------------------------------------
+
+// Shared inputs: a 16-bit map of W x H cells (four 16-channel blocks for
+// ROI pooling, 32 channels for the bilinear operators), a float map of at
+// most 8 x 8 cells for position-sensitive pooling, and two boxes as halves
+// and as floats.
+struct op_inputs {
+  int W, H, group, psW = std::min(W, 8), psH = std::min(H, 8);
+  std::vector<uint16_t> hmap, hbox;
+  std::vector<short> smap;
+  std::vector<float> psmap, fbox;
+  op_inputs(int w, int hh, int g, std::vector<float> boxes) : W(w), H(hh), group(g), fbox(boxes) {
+    ol_test::rng r(W * H);
+    hmap.resize(size_t(4) * W * H * 16);
+    smap.resize(size_t(W) * H * 32);
+    psmap.resize(size_t(group) * group * psW * psH * 24);
+    for (auto& v : hmap) v = static_cast<uint16_t>(r.next());
+    for (auto& v : smap) v = static_cast<short>(r.next() | 1);
+    for (auto& v : psmap) v = r.next() % 9 ? r.uniform(-1, 1) : NAN;
+    for (float v : fbox) hbox.push_back(h(v));
+  }
+};
+
+// Runs operator `op` over a grid of gw x gh bins into out (all of it
+// poisoned first); returns the operator's result.
+using op_fn = int (*)(op_inputs&, int gw, int gh, std::vector<short>& out);
+struct op_entry {
+  const char* name;
+  op_fn run;
+  bool nan_box_gives_zeros;
+};
+int pool_op(op_inputs& in, int gw, int gh, std::vector<short>& out, bool sign) {
+  out.assign(size_t(2) * 4 * gw * gh * 16, 0x5A5A);
+  return (sign ? roi_pooling_sign : roi_pooling)(ol_test::as_half(in.hbox), in.hmap.data(),
+                                                 reinterpret_cast<uint16_t*>(out.data()), 2, gw, gh, 0,
+                                                 16, 0, in.H, in.W, 64);
+}
+int bilinear_op(op_inputs& in, int gw, int gh, std::vector<short>& out, int which) {
+  short* maps[3] = {in.smap.data(), in.smap.data(), in.smap.data()};
+  unsigned scales[3] = {1, 1, 1};
+  out.assign(size_t(2) * gw * gh * 32, 0x5A5A);
+  ol_test::stdout_capture cap;  // crop_and_resize prints a line per sample outside the map
+  float* b = in.fbox.data();
+  return which == 0   ? roi_align_fmap_int16(in.smap.data(), 16, b, 2, in.W, in.H, gw, gh, 32, out.data())
+         : which == 1 ? roi_align_four_fmap_int16(maps, scales, b, 2, in.W, in.H, gw, gh, 32, out.data())
+                      : crop_and_resize_fmap_int16(in.smap.data(), 0.1f, 0.1f, 0.0f, b, 2, in.W, in.H, gw,
+                                                   gh, 32, out.data());
+}
+// Both position-sensitive forms and both channel paths; out holds 1 where
+// the last call wrote a non-zero float.
+int ps_op(op_inputs& in, int, int, std::vector<short>& out) {
+  const int g = in.group;
+  std::vector<float> o(size_t(2) * g * g * 24, 3.0f);
+  int rc = ps_roi_pooling(in.psmap.data(), in.psW, in.psH, g * g * 21, 24, in.fbox.data(), 2, o.data(),
+                          g, g, 21, 24, 0.125f, g);
+  for (int oc : {21, 10})
+    rc |= ps_roi_pooling_scale(in.psmap.data(), in.psW, in.psH, g * g * oc, 24, in.fbox.data(), 2,
+                               o.data(), g, g, oc, 24, 0.0625f, g, 1.2f, 1.0f, 1.0f);
+  out.assign(o.size(), 0);
+  for (size_t i = 0; i < o.size(); ++i) out[i] = o[i] != 0.0f;
+  return rc;
+}
+const op_entry kOperators[] = {
+    {"roi_pooling", [](op_inputs& in, int w, int h, std::vector<short>& o) { return pool_op(in, w, h, o, false); }, false},
+    {"roi_pooling_sign", [](op_inputs& in, int w, int h, std::vector<short>& o) { return pool_op(in, w, h, o, true); }, false},
+    {"roi_align", [](op_inputs& in, int w, int h, std::vector<short>& o) { return bilinear_op(in, w, h, o, 0); }, true},
+    {"roi_align_four", [](op_inputs& in, int w, int h, std::vector<short>& o) { return bilinear_op(in, w, h, o, 1); }, true},
+    {"crop_and_resize", [](op_inputs& in, int w, int h, std::vector<short>& o) { return bilinear_op(in, w, h, o, 2); }, true},
+    {"ps_roi_pooling", ps_op, true},
+};
+
+// NaN boxes (and NaN, infinite maps and scales) index nothing outside the
+// maps; where the box is NaN the output is the documented zeros.
+TEST(nan_inputs, operators) {
+  op_inputs in(9, 7, 3, {NAN, NAN, NAN, NAN, -INFINITY, -INFINITY, INFINITY, INFINITY});
+  for (const op_entry& op : kOperators) {
+    SCOPED_TRACE(op.name);
+    std::vector<short> out;
+    EXPECT_EQ(op.run(in, 3, 3, out), 0);
+    for (size_t i = 0; op.nan_box_gives_zeros && i < out.size() / 2; ++i) ASSERT_EQ(out[i], 0) << i;
+  }
+  ol_test::stdout_capture cap;
+  std::vector<short> out(2 * 4 * 3 * 16);
+  EXPECT_EQ(crop_and_resize_fmap_int16(in.smap.data(), NAN, INFINITY, NAN, in.fbox.data(), 2, 9, 7, 4, 3,
+                                       16, out.data()), 0);
+  std::vector<float> fout(2 * 9 * 24);
+  EXPECT_EQ(ps_roi_pooling_scale(in.psmap.data(), 8, 7, 9 * 21, 24, in.fbox.data(), 2, fout.data(), 3, 3,
+                                 21, 24, NAN, 3, INFINITY, NAN, -INFINITY), 0);
+  // nms with NaN and infinite corners: as the plain twin.
+  ol_test::rng g(4);
+  std::vector<uint16_t> boxes(5 * 200), got(4 * 200), want(4 * 200);
+  for (auto& v : boxes) v = g.next() % 5 == 0 ? kSpecials[g.next() % 7] : h(g.uniform(0, 100));
+  const int kept = nms(ol_test::as_half(got), ol_test::as_half(boxes), 200, 0.5f, 200);
+  EXPECT_EQ(kept, ol_ref::nms_ref(want.data(), boxes.data(), 200, 0.5f, 200));
+  EXPECT_EQ(got, want);
+}
+
+// Every operator at long grids in each direction (4096 x 1 and 1 x 4096
+// bins; 21 x 21 position-sensitive bins) and nms over 32767 boxes (with the
+// heap refused, too), from a 128 KiB stack.
+TEST(small_stack, operators_at_large_sizes) {
+  op_inputs in(64, 64, 21, {2, 3, 500, 400, 10, 10, 300, 600});
+  ol_test::rng g(9);
+  std::vector<uint16_t> boxes(5 * 32767), out(4 * 32767);
+  for (size_t i = 0; i < boxes.size(); i += 5) {
+    const float x = g.uniform(0, 300), y = g.uniform(0, 300);
+    const uint16_t b[5] = {h(x), h(y), h(x + g.uniform(20, 60)), h(y + g.uniform(20, 60)), 0};
+    std::copy(b, b + 5, &boxes[i]);
+  }
+  int rc = 0, kept = -1, kept_noheap = -2;
+  ol_test::on_small_stack([&] {
+    for (const op_entry& op : kOperators)
+      for (int wide : {0, 1}) {
+        std::vector<short> o;
+        rc |= op.run(in, wide ? 4096 : 2, wide ? 2 : 4096, o);
+      }
+    kept = nms(ol_test::as_half(out), ol_test::as_half(boxes), 32767, 0.5f, 32767);
+    ol::alloc_hooks refuse{[](size_t, void*) { return false; }, nullptr};
+    ol::set_alloc_hooks(&refuse);
+    kept_noheap = nms(ol_test::as_half(out), ol_test::as_half(boxes), 32767, 0.5f, 32767);
+    ol::set_alloc_hooks(nullptr);
+  });
+  EXPECT_EQ(rc, 0);
+  EXPECT_GT(kept, 0);
+  EXPECT_EQ(kept_noheap, kept);
+}
+
+// The pipeline at pre_nms_num and post_nms_num 32767 with 81 classes, every
+// proposal kept, then the head over more ROIs than post_nms_num (clamped),
+// from a 128 KiB stack while the workers run on theirs.
+TEST(small_stack, pipeline_at_the_largest_counts) {
+  for (bool qsort : {true, false}) {
+    frcnn_desc d = ol_test::vgg16_desc(2, qsort);
+    d.fmap_h = d.fmap_w = d.fmap_pitch = d.rpn_cls_pitch = 64;
+    d.img_h = d.img_w = 1024;
+    d.min_size = 0;
+    d.pre_nms_num = d.post_nms_num = 32767;
+    d.class_num = d.rcnn_cls_pitch = 81;
+    d.rcnn_bbox_pitch = 4 * 81;
+    d.fmap_d = 16;
+    d.cls_prob = 0.099f;
+    d.pre_nms_iou = 0.3f;
+    handle hd(d);
+    ASSERT_NE(hd.h, nullptr);
+    frame_arrays a(d, d.post_nms_num);
+    a.fill(11);
+    ol_test::rng g(3);  // head probabilities mostly below cls_prob: short suppressions
+    for (size_t i = 0; i < a.rcnn_cls.n; ++i) a.rcnn_cls[i] = h(g.uniform(0.0f, 0.1f));
+    ol_test::frame_result r;
+    ol_test::on_small_stack([&] {
+      ol_test::stdout_capture cap;
+      r = run_frame(hd.h, a, ol_test::step_prenms | ol_test::step_pre_nms_roi, 0, false);
+      r.post = ol_test::frame_calls{hd.h, a}.post_nms(40000);
+    });
+    EXPECT_EQ(r.k, 32767);
+    EXPECT_GT(r.r2, 0);
+    EXPECT_EQ(r.post, 0);
+  }
+}
+
+// ---- hostile descriptors ----------------------------------------------------
+
+// Hooks that let every allocation through and keep the largest size asked.
+ol::alloc_hooks largest_allocation(size_t* largest) {
+  return {[](size_t bytes, void* user) {
+            size_t& l = *static_cast<size_t*>(user);
+            l = std::max(l, bytes);
+            return true;
+          },
+          largest};
+}
+
+// Sizes whose buffers would need 4 GiB or more or whose 32-bit products wrap
+// are refused with the message of that buffer (message NULL: huge counts that
+// size no buffer, accepted). Init never asks the heap for such a size, leaves
+// the caller's record alone and no thread behind.
+TEST(hostile_desc, oversized_buffers_are_refused_with_their_message) {
+  const struct {
+    uint32_t anchor_num, fmap_h, fmap_w, pre_nms_num, post_nms_num, class_num;
+    const char* message;
+  } cases[] = {
+      {0x10000, 0x10000, 1, 100, 30, 4, "malloc for anchors err\n"},  // positions wrap to 0
+      {1, 0x10000, 0x1000, 100, 30, 4, "malloc for anchors err\n"},   // exactly 4 GiB
+      {~0u, ~0u, ~0u, 100, 30, 4, "malloc for anchors err\n"},
+      {3, 8, 10, 0x1999999A, 30, 4, "malloc for detections err\n"},
+      {3, 8, 10, 100, 0x10000, 0x1000, "malloc for anchors err\n"},  // head boxes wrap
+      {0x40000000, 0, 10, 100, 30, 4, nullptr},
+      {3, 8, 10, 100, 0x7FFFFFFF, 0, nullptr},
+  };
+  std::vector<float> anchors(4 * 16, 1.0f);
+  const int threads = ol_test::quiet_threads();
+  for (bool qsort : {true, false}) {
+    for (const auto& c : cases) {
+      SCOPED_TRACE(testing::Message() << c.anchor_num << " " << c.pre_nms_num << " " << qsort);
+      frcnn_desc d = ol_test::robust_desc(2, qsort);
+      d.anchor_num = c.anchor_num;
+      d.fmap_h = c.fmap_h;
+      d.fmap_w = c.fmap_w;
+      d.pre_nms_num = c.pre_nms_num;
+      d.post_nms_num = c.post_nms_num;
+      d.class_num = c.class_num;
+      const frcnn_desc copy = d;
+      size_t largest = 0;
+      const ol::alloc_hooks hooks = largest_allocation(&largest);
+      void* hd = nullptr;
+      const std::string out = ol_test::printed([&] {
+        ol::set_alloc_hooks(&hooks);
+        hd = opt_layers_instance_frcnn_init(&d, anchors.data());
+        ol::set_alloc_hooks(nullptr);
+      });
+      EXPECT_EQ(out, c.message ? c.message : "");
+      EXPECT_EQ(hd == nullptr, c.message != nullptr);
+      EXPECT_LT(largest, 64u << 20);
+      EXPECT_EQ(memcmp(&d, &copy, sizeof d), 0);
+      if (hd) opt_layers_instance_frcnn_exit(hd);
+      if (!c.message) continue;
+      EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_init(&d, anchors.data()), -1); }),
+                std::string(c.message) + "frcnn_init err\n");
+      EXPECT_EQ(ol::global_context(), nullptr);
+      EXPECT_EQ(ol_test::settled_threads(threads), threads);
+    }
+  }
+}
+
+// Empty maps, no anchors, no proposals: every entry point runs and finds
+// nothing. class_num 0 and 1 in every head layout: the frame runs, post_nms
+// returns 0 and the table gets only what it has room for.
+TEST(hostile_desc, empty_maps_and_class_num_zero_and_one) {
+  for (int which = 0; which < 12; ++which) {
+    SCOPED_TRACE(which);
+    frcnn_desc d = ol_test::robust_desc(2, which & 1);
+    const bool empty = which < 4;
+    if (which == 0) d.fmap_h = 0;
+    if (which == 1) d.fmap_w = 0;
+    if (which == 2) d.anchor_num = 0;
+    if (which == 3) d.pre_nms_num = d.post_nms_num = 0;
+    if (!empty) {
+      d.class_num = d.rcnn_cls_pitch = which >= 8;
+      d.rcnn_bbox_share_location = which & 1;
+      d.is_no_rcnn_bg_bbox = (which >> 1) & 1;
+      d.rcnn_bbox_pitch = 4 * d.class_num;
+    }
+    handle hd(d);
+    ASSERT_NE(hd.h, nullptr);
+    frame_arrays a(d);
+    a.fill(which);
+    const ol_test::frame_result r = run_frame(hd.h, a);
+    EXPECT_EQ(r.post, 0);
+    EXPECT_EQ(r.r2, r.r);
+    EXPECT_EQ(r.r == 0, empty);
+    EXPECT_EQ(r.k == 0, empty);
+    EXPECT_TRUE(d.class_num != 1 || a.rcnn_result[0] == 0);
+  }
+}
+
+// pre_nms_num and post_nms_num at 32767 and beyond: the NMS count stays
+// within 32767, and post_nms with more ROIs than post_nms_num is clamped.
+TEST(hostile_desc, proposal_counts_at_and_beyond_32767) {
+  const uint32_t counts[][2] = {{32767, 32767}, {40000, 32767}, {32767, 40000}, {65536, 65535}};
+  for (const auto& c : counts) {
+    SCOPED_TRACE(testing::Message() << "pre " << c[0] << " post " << c[1]);
+    frcnn_desc d = ol_test::robust_desc(2, true);
+    d.anchor_num = 9;
+    d.fmap_h = 60;
+    d.fmap_w = d.fmap_pitch = d.rpn_cls_pitch = 80;  // 43200 positions
+    d.pre_nms_iou = 0.95f;
+    d.class_num = d.rcnn_cls_pitch = 3;
+    d.rcnn_bbox_pitch = 12;
+    d.pre_nms_num = c[0];
+    d.post_nms_num = c[1];
+    handle hd(d);
+    ASSERT_NE(hd.h, nullptr);
+    frame_arrays a(d, d.post_nms_num + 5);
+    a.fill(c[0] ^ c[1]);
+    const ol_test::frame_result r = run_frame(hd.h, a, ol_test::step_prenms | ol_test::step_prenms_nms);
+    EXPECT_EQ(static_cast<uint32_t>(r.k), std::min(d.pre_nms_num, 43200u));
+    EXPECT_GE(r.r, 0);
+    EXPECT_LE(r.r, 32767);
+    EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ((ol_test::frame_calls{hd.h, a}.post_nms(d.post_nms_num + 5)), 0); }),
+              ol_test::format("Abnormal frcnn post nms rois num: %u > %u\n", d.post_nms_num + 5,
+                              d.post_nms_num));
+    for (uint32_t cl = 1; cl < d.class_num; ++cl) EXPECT_LE(ol_test::f(a.rcnn_result[cl]), 32767.0f);
+  }
+}
+
+// Row pitches below the row width: rows overlap, and the stage reads each
+// row [r * pitch, r * pitch + W). The same frame laid out at pitch W gives
+// the same results.
+TEST(hostile_desc, pitches_below_the_width_read_overlapping_rows) {
+  for (int which = 0; which < 3; ++which) {
+    SCOPED_TRACE(which);
+    frcnn_desc d = ol_test::robust_desc(2, which == 2);
+    d.is_rpn_cls_fg_only = d.is_filter_rpn_cls = which == 1;  // the parallel filter
+    d.fmap_w = 9;
+    d.rpn_cls_pitch = which == 0 ? 5 : (which == 1 ? 9 : 0);  // 0: every row the same
+    d.fmap_pitch = which == 0 ? 9 : 4;
+    frcnn_desc wide = d;
+    wide.rpn_cls_pitch = wide.fmap_pitch = d.fmap_w;
+    handle hn(d), hw(wide);
+    frame_arrays a(d), b(wide);
+    a.fill(7);
+    b.fill(7);
+    const uint32_t planes = ol_test::rpn_score_planes(d);
+    for (size_t r = 0; r < size_t(planes) * d.fmap_h; ++r)
+      for (size_t x = 0; x < d.fmap_w; ++x) b.cls[r * d.fmap_w + x] = a.cls[r * d.rpn_cls_pitch + x];
+    for (size_t r = 0; r < size_t(4) * d.anchor_num * d.fmap_h; ++r)
+      for (size_t x = 0; x < d.fmap_w; ++x) b.bbox[r * d.fmap_w + x] = a.bbox[r * d.fmap_pitch + x];
+    for (auto arr : {&frame_arrays::fmap, &frame_arrays::nms_out, &frame_arrays::rcnn_cls, &frame_arrays::rcnn_bbox})
+      std::copy((a.*arr).data(), (a.*arr).data() + (a.*arr).n, (b.*arr).data());
+    const ol_test::frame_result ra = run_frame(hn.h, a), rb = run_frame(hw.h, b);
+    EXPECT_GT(ra.k, 0);
+    EXPECT_TRUE(ra == rb);
+  }
+}
+
+// Found by fuzzing: a stride beyond INT_MAX (read as a negative int) made
+// the anchor shifts overflow int. They are formed in 64 bits.
+TEST(hostile_desc, huge_stride_shifts_anchors_without_overflow) {
+  const std::vector<float> base = {-8, -8, 8, 8, -16, -4, 16, 4};
+  frcnn_desc d = ol_test::robust_desc(2, true);
+  d.anchor_num = 2;
+  d.fmap_h = d.fmap_w = 5;
+  d.fmap_scale = 0x80808080u;
+  handle hd(d, base);
+  ASSERT_NE(hd.h, nullptr);
+  const float* got = hd.ctx()->anchors;
+  const int64_t S = static_cast<int32_t>(d.fmap_scale);
+  for (int i = 0; i < 5 * 5 * 2; ++i) {
+    const int a = i % 2, x = i / 2 % 5, y = i / 10;
+    EXPECT_EQ(got[4 * i], base[4 * a] + static_cast<float>(x * S)) << i;
+    EXPECT_EQ(got[4 * i + 3], base[4 * a + 3] + static_cast<float>(y * S)) << i;
+  }
+  frame_arrays f(d);
+  f.fill(3);
+  EXPECT_GE(run_frame(hd.h, f).r, 0);
+}
+
+// ---- NaN and infinities in the frame --------------------------------------
+
+// Every input array sprinkled with NaN and infinities: every entry point
+// returns normally, counts stay in range, and every proposal and decoded head
+// box lies inside the 500 x 300 image.
+TEST(nan_inputs, sprinkled_everywhere_in_a_frame) {
+  auto inside = [](const std::vector<float>& v) {
+    for (size_t i = 0; i < v.size(); ++i)
+      ASSERT_TRUE(v[i] >= 0.0f && v[i] <= (i % 2 ? 299.0f : 499.0f)) << i << " " << v[i];
+  };
+  for (bool qsort : {true, false}) {
+    for (int density : {16, 3, 1}) {
+      SCOPED_TRACE(testing::Message() << "qsort " << qsort << " one in " << density);
+      frcnn_desc d = ol_test::robust_desc(2, qsort);
+      d.is_rpn_cls_fg_only = 1;
+      d.is_filter_rpn_cls = density == 3;
+      handle hd(d);
+      frame_arrays a(d);
+      a.fill(density);
+      ol_test::rng g(density);
+      for (auto* v : {&a.cls, &a.bbox, &a.rcnn_cls, &a.rcnn_bbox})
+        for (size_t i = 0; i < v->n; ++i)
+          if (g.next() % density == 0) (*v)[i] = kSpecials[g.next() % 7];
+      const ol_test::frame_result r = run_frame(hd.h, a);
+      EXPECT_GE(r.k, 0);
+      EXPECT_GE(r.r, 0);
+      EXPECT_LE(r.r, 30);
+      EXPECT_EQ(r.r2, r.r);
+      EXPECT_EQ(r.post, 0);
+      std::vector<float> props;
+      for (size_t i = 0; i < r.proposals.size(); ++i)
+        if (i % 5 != 4) props.push_back(ol_test::f(r.proposals[i]));
+      inside(props);
+      inside(std::vector<float>(hd.ctx()->rcnn_boxes, hd.ctx()->rcnn_boxes + 4 * r.r2 * d.class_num));
+      for (uint32_t c = 1; c < d.class_num; ++c) EXPECT_LE(ol_test::f(r.rcnn_result[c]), 30.0f);
+    }
+  }
+}
+
+// The best-scored anchor has all four deltas NaN: every coordinate of its
+// proposal (the first) is L - 1. With +inf width and height deltas the box
+// spans the image.
+TEST(nan_inputs, rpn_deltas_clamp_to_the_image) {
+  for (uint16_t special : {kNaN, kInf}) {
+    frcnn_desc d = ol_test::robust_desc(2, true);
+    d.is_rpn_cls_fg_only = 1;
+    handle hd(d);
+    frame_arrays a(d);
+    a.fill(1);
+    a.cls.fill(h(0.25f));
+    const size_t a1 = 1, y = 4, x = 5;
+    a.cls[(a1 * d.fmap_h + y) * d.rpn_cls_pitch + x] = h(0.9f);
+    for (size_t k = 0; k < 4; ++k)
+      a.bbox[((4 * a1 + k) * d.fmap_h + y) * d.fmap_pitch + x] =
+          special == kNaN ? kNaN : (k >= 2 ? kInf : h(0.0f));
+    const ol_test::frame_result r = run_frame(hd.h, a, ol_test::step_prenms);
+    ASSERT_GT(r.k, 0);
+    const bool nan = special == kNaN;
+    EXPECT_EQ(std::vector<uint16_t>(r.proposals.begin(), r.proposals.begin() + 5),
+              (std::vector<uint16_t>{h(nan ? 499.0f : 0.0f), h(nan ? 299.0f : 0.0f), h(499.0f),
+                                     h(299.0f), h(0.9f)}));
+  }
+}
+
+// Head: NaN deltas (ROI 0) and NaN ROI corners (ROI 1) give L - 1 for every
+// coordinate of that ROI's class boxes. A NaN probability is not "at or
+// below cls_prob": reached last by the walk, it is kept, copied bit for bit.
+TEST(nan_inputs, head_deltas_rois_and_probabilities) {
+  frcnn_desc d = ol_test::robust_desc(2, true);
+  d.cls_prob = 0.0f;
+  d.post_nms_iou = 1.0f;  // no suppression
+  handle hd(d);
+  frame_arrays a(d, 3);
+  a.fill(2);
+  std::fill(a.rcnn_bbox.data(), a.rcnn_bbox.data() + 16, kNaN);
+  std::fill(a.nms_out.data() + 4, a.nms_out.data() + 8, kNaN);
+  const uint16_t probs[3] = {h(0.5f), h(0.25f), kNaN};
+  for (size_t c = 0; c < d.class_num; ++c)
+    for (size_t i = 0; i < 3; ++i) a.rcnn_cls[i * d.rcnn_cls_pitch + c] = probs[i];
+  ASSERT_EQ((ol_test::frame_calls{hd.h, a}.post_nms(3)), 0);
+  for (uint32_t i = 0; i < 4 * 2 * d.class_num; ++i)
+    EXPECT_EQ(hd.ctx()->rcnn_boxes[i], i % 2 ? 299.0f : 499.0f) << i;
+  for (uint32_t c = 1; c < d.class_num; ++c) {
+    const uint16_t* det = &a.rcnn_result[d.class_num + 5 * (d.post_nms_num * c)];
+    EXPECT_EQ(std::vector<uint16_t>({a.rcnn_result[c], det[0], det[4], det[7], det[9], det[14]}),
+              std::vector<uint16_t>({h(3.0f), h(499.0f), probs[0], h(499.0f), probs[1], kNaN}));
+  }
+}
+
+}  // namespace
