@@ -1,0 +1,26 @@
+// The ROI pooling kernel behind roi_pooling and roi_pooling_sign, with the
+// output stride of a box as a parameter so that the pooling stage can place
+// boxes of a map whose depth is not a multiple of 16.
+#ifndef OL_OPS_ROI_POOLING_KERNELS_H
+#define OL_OPS_ROI_POOLING_KERNELS_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+namespace ol {
+
+// Elements roi_pooling writes per box: whole channel blocks of pool_h x
+// pool_w cells of 16 (0 when nothing is written).
+size_t roi_pool_box_elems(int pool_w, int pool_h, int fmap_d);
+
+// Pools boxes [0, roi_num) of `proposal` (four half values each) exactly as
+// roi_pooling (is_signed false) or roi_pooling_sign (true) do, except that
+// box r's blocks start at roi_result + r * box_stride elements. Pure: no
+// state, no allocation, about 10 KiB of stack.
+void roi_pool_boxes(bool is_signed, const uint16_t* proposal, const uint16_t* fmap,
+                    uint16_t* roi_result, size_t box_stride, int roi_num, int pool_w, int pool_h,
+                    int fmap_scale, int fmap_h, int fmap_w, int fmap_d);
+
+}  // namespace ol
+
+#endif
