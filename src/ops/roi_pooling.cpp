@@ -24,29 +24,25 @@
 namespace ol {
 namespace {
 
+// 128-bit vectors of 16-bit lanes: two per map position.
 typedef uint16_t u16x8 __attribute__((vector_size(16)));
 typedef int16_t i16x8 __attribute__((vector_size(16)));
 
 // Lanes per map position (one channel block).
 constexpr int k_block = 16;
 
-// Unaligned, aliasing views of the map and the output as vectors. (A
-// memcpy store of a vector makes aarch64 GCC go through general registers.)
-typedef uint16_t u16x8_mem __attribute__((vector_size(16), aligned(2), may_alias));
-typedef int16_t i16x8_mem __attribute__((vector_size(16), aligned(2), may_alias));
-
+// Unaligned, aliasing loads and stores of a vector. (A memcpy store of a
+// vector makes aarch64 GCC go through general registers.)
 template <typename V>
-inline V load8(const uint16_t* p);
-template <>
-inline u16x8 load8<u16x8>(const uint16_t* p) {
-  return *reinterpret_cast<const u16x8_mem*>(p);
+inline V load_vec(const uint16_t* p) {
+  typedef V mem __attribute__((aligned(2), may_alias));
+  return *reinterpret_cast<const mem*>(p);
 }
-template <>
-inline i16x8 load8<i16x8>(const uint16_t* p) {
-  return *reinterpret_cast<const i16x8_mem*>(p);
+template <typename V>
+inline void store_vec(uint16_t* p, V v) {
+  typedef V mem __attribute__((aligned(2), may_alias));
+  *reinterpret_cast<mem*>(p) = v;
 }
-inline void store8(uint16_t* p, u16x8 v) { *reinterpret_cast<u16x8_mem*>(p) = v; }
-inline void store8(uint16_t* p, i16x8 v) { *reinterpret_cast<i16x8_mem*>(p) = v; }
 
 // Lane-wise maximum; the lane type (unsigned or signed 16-bit) chooses the
 // comparison.
@@ -143,21 +139,27 @@ inline void bin_bounds(int16_t start, int32_t bin, int p, int n, int* first, int
 // bin of four or more rows adds an `add` and a loop branch. x86-64 is the
 // same with `movdqu` loads folded into `pmaxuw` / `pmaxsw`.
 
+// The running maximum of one cell: the 16 lanes of a map position in
+// k_vecs vectors.
 template <typename V>
 struct acc {
-  V lo, hi;
-  explicit acc(const uint16_t* p) : lo(load8<V>(p)), hi(load8<V>(p + 8)) {}
+  static constexpr int k_lanes = sizeof(V) / sizeof(uint16_t);
+  static constexpr int k_vecs = k_block / k_lanes;
+  V v[k_vecs];
+  explicit acc(V fill) {
+    for (int i = 0; i < k_vecs; ++i) v[i] = fill;
+  }
+  explicit acc(const uint16_t* p) {
+    for (int i = 0; i < k_vecs; ++i) v[i] = load_vec<V>(p + i * k_lanes);
+  }
   void add(const uint16_t* p) {
-    lo = vmax(lo, load8<V>(p));
-    hi = vmax(hi, load8<V>(p + 8));
+    for (int i = 0; i < k_vecs; ++i) v[i] = vmax(v[i], load_vec<V>(p + i * k_lanes));
   }
   void merge(const acc& b) {
-    lo = vmax(lo, b.lo);
-    hi = vmax(hi, b.hi);
+    for (int i = 0; i < k_vecs; ++i) v[i] = vmax(v[i], b.v[i]);
   }
   void store(uint16_t* out) const {
-    store8(out, lo);
-    store8(out + 8, hi);
+    for (int i = 0; i < k_vecs; ++i) store_vec(out + i * k_lanes, v[i]);
   }
 };
 
@@ -218,10 +220,8 @@ void cells_pairs(const uint16_t* p, const run& u, int nr, int nc, uint16_t* o) {
 
 template <typename V>
 void cells_empty(V empty, const run& u, uint16_t* o) {
-  for (int g = 0; g < u.nb; ++g, o += u.os) {
-    store8(o, empty);
-    store8(o + 8, empty);
-  }
+  const acc<V> e(empty);
+  for (int g = 0; g < u.nb; ++g, o += u.os) e.store(o);
 }
 
 // Columns up to which a bin's row is unrolled.
@@ -351,19 +351,27 @@ size_t roi_pool_box_elems(int pool_w, int pool_h, int fmap_d) {
          static_cast<size_t>(pool_w) * k_block;
 }
 
+namespace {
+
+template <typename U, typename S>
+inline void pool_boxes_as(bool is_signed, const uint16_t* proposal, const uint16_t* fmap,
+                          uint16_t* roi_result, size_t box_stride, int roi_num, int pool_w,
+                          int pool_h, int fmap_scale, int fmap_h, int fmap_w, int fmap_d) {
+  if (is_signed)
+    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
+               fmap_w, fmap_d, S{} + INT16_MIN);
+  else
+    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
+               fmap_w, fmap_d, U{});
+}
+
+}  // namespace
+
 void roi_pool_boxes(bool is_signed, const uint16_t* proposal, const uint16_t* fmap,
                     uint16_t* roi_result, size_t box_stride, int roi_num, int pool_w, int pool_h,
                     int fmap_scale, int fmap_h, int fmap_w, int fmap_d) {
-  if (is_signed) {
-    const int16_t m = INT16_MIN;
-    const i16x8 empty = {m, m, m, m, m, m, m, m};
-    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
-               fmap_w, fmap_d, empty);
-  } else {
-    const u16x8 empty = {0, 0, 0, 0, 0, 0, 0, 0};
-    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
-               fmap_w, fmap_d, empty);
-  }
+  pool_boxes_as<u16x8, i16x8>(is_signed, proposal, fmap, roi_result, box_stride, roi_num, pool_w,
+                              pool_h, fmap_scale, fmap_h, fmap_w, fmap_d);
 }
 
 }  // namespace ol
