@@ -11,6 +11,10 @@
 namespace ol {
 
 // ---- pooling stage: one task per run of consecutive ROIs -------------------
+// Most runs the ROIs are cut into (by estimated work): enough to balance the
+// largest pool, few enough to keep groups of ROIs per run.
+constexpr uint32_t k_pool_tasks = 32;
+
 struct roi_pool_task {
   uint32_t begin, end;       // the ROIs [begin, end) of nms_out
   const uint16_t* nms_out;   // 4 halves per ROI
@@ -19,20 +23,21 @@ struct roi_pool_task {
   uint16_t* fmap;
   int pool_w;
   int pool_h;
-  int pool_pitch;
-  int fmap_pitch;
   int fmap_h;
   int fmap_w;
   int fmap_d;
   int fmap_scale;
   uint8_t fmap_sign;
   thread_task task;
-  uint32_t index;
+  uint32_t index;            // the run's number in the cut (runs may be skipped)
 };
 
 int32_t roi_pool_task_func(void* record);
 
-// Task records live in this call's frame (at most k_stage_tasks).
+// Task records live in this call's frame (at most k_pool_tasks). A refused
+// task prints "fatal: add task fail" once per ROI it held and leaves those
+// ROIs' blocks unwritten. The pitches are not used: the map and the output
+// are dense.
 void frcnn_roi_pool(thread_pool* pool, const uint16_t* nms_out,
                     uint16_t* fmap, uint16_t* roi_result, uint32_t n, uint32_t fmap_d,
                     uint32_t fmap_h, uint32_t fmap_w, uint32_t fmap_pitch, uint32_t fmap_scale,

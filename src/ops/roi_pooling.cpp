@@ -367,6 +367,26 @@ inline void pool_boxes_as(bool is_signed, const uint16_t* proposal, const uint16
 
 }  // namespace
 
+uint64_t roi_pool_box_work(const uint16_t* box, int pool_w, int pool_h, int fmap_scale, int fmap_h,
+                           int fmap_w) {
+  if (pool_w < 1 || pool_h < 1 || fmap_scale < 1) return 1;
+  const box_bins bb = box_to_bins(box, fmap_scale, pool_w, pool_h);
+  uint64_t rows = 0, cols = 0;
+  int s, e;
+  for (int p = 0; p < pool_h; ++p) {
+    bin_bounds(bb.start_h, bb.bin_h, p, fmap_h > 0 ? fmap_h : 0, &s, &e);
+    rows += static_cast<uint64_t>(e > s ? e - s : 0);
+  }
+  for (int p = 0; p < pool_w; ++p) {
+    bin_bounds(bb.start_w, bb.bin_w, p, fmap_w > 0 ? fmap_w : 0, &s, &e);
+    cols += static_cast<uint64_t>(e > s ? e - s : 0);
+  }
+  // A cell costs about as much as four positions besides its positions;
+  // capped so that sums over many boxes stay far from 64 bits.
+  const uint64_t work = rows * cols + 4 * static_cast<uint64_t>(pool_h) * static_cast<uint64_t>(pool_w);
+  return work < (uint64_t(1) << 40) ? work : uint64_t(1) << 40;
+}
+
 void roi_pool_boxes(bool is_signed, const uint16_t* proposal, const uint16_t* fmap,
                     uint16_t* roi_result, size_t box_stride, int roi_num, int pool_w, int pool_h,
                     int fmap_scale, int fmap_h, int fmap_w, int fmap_d) {

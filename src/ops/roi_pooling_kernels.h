@@ -13,6 +13,11 @@ namespace ol {
 // pool_w cells of 16 (0 when nothing is written).
 size_t roi_pool_box_elems(int pool_w, int pool_h, int fmap_d);
 
+// Estimated work of pooling one box per channel block, in map positions
+// read (at least 1): what the pooling stage balances its tasks by.
+uint64_t roi_pool_box_work(const uint16_t* box, int pool_w, int pool_h, int fmap_scale, int fmap_h,
+                           int fmap_w);
+
 // Pools boxes [0, roi_num) of `proposal` (four half values each) exactly as
 // roi_pooling (is_signed false) or roi_pooling_sign (true) do, except that
 // box r's blocks start at roi_result + r * box_stride elements. Pure: no
