@@ -130,14 +130,18 @@ inline void bin_bounds(int16_t start, int32_t bin, int p, int n, int* first, int
 // each cell function pools one bin over a run of `nb` channel blocks: the
 // switch on the bin's shape is paid once per run, not once per cell. Bins
 // of up to 3 x 3 positions are unrolled completely, rows of up to
-// k_max_cols positions are unrolled, longer rows run over pairs.
+// k_max_cols positions are unrolled, longer rows run over pairs. NB is the
+// run length when it is the usual k_block_run (0: u.nb).
 //
 // Generated aarch64 code (GCC 12 -O3): a covered map position costs one
 // `ldp q, q` and two `umax` / `smax` (the bin's first position only the
-// `ldp`); a cell adds its `stp q, q`, the `add`s that step to the next map
-// row, block and output cell, and the run loop's `cmp` + branch; a row of a
-// bin of four or more rows adds an `add` and a loop branch. x86-64 is the
-// same with `movdqu` loads folded into `pmaxuw` / `pmaxsw`.
+// `ldp`); a cell adds its `stp q, q`, two `add`s to step to the next block
+// and output cell and the run loop's `subs` + `b.ne`, and a bin row after
+// the first an `add` (plus `cmp` and a branch for bins of four rows or
+// more). On the roi_pooling workload of bench/arm_cost.cpp (6.2 positions
+// per cell) that is about 33 instructions per 16-lane cell, of which about
+// 19 are the loads and maxima. x86-64 is the same with `movdqu` loads and
+// `pmaxuw` / `pmaxsw`.
 
 // The running maximum of one cell: the 16 lanes of a map position in
 // k_vecs vectors.
@@ -171,9 +175,9 @@ struct run {
 };
 
 // NR rows of NC positions, both known.
-template <int NR, int NC, typename V>
+template <int NB, int NR, int NC, typename V>
 void cells_fixed(const uint16_t* p, const run& u, int, int, uint16_t* o) {
-  for (int g = 0; g < u.nb; ++g, p += u.bs, o += u.os) {
+  for (int g = 0; g < (NB ? NB : u.nb); ++g, p += u.bs, o += u.os) {
     acc<V> a(p);
     for (int c = 1; c < NC; ++c) a.add(p + c * k_block);
     for (int r = 1; r < NR; ++r)
@@ -183,9 +187,9 @@ void cells_fixed(const uint16_t* p, const run& u, int, int, uint16_t* o) {
 }
 
 // nr >= 1 rows of NC positions.
-template <int NC, typename V>
+template <int NB, int NC, typename V>
 void cells_rows(const uint16_t* p, const run& u, int nr, int, uint16_t* o) {
-  for (int g = 0; g < u.nb; ++g, p += u.bs, o += u.os) {
+  for (int g = 0; g < (NB ? NB : u.nb); ++g, p += u.bs, o += u.os) {
     acc<V> a(p);
     for (int c = 1; c < NC; ++c) a.add(p + c * k_block);
     const uint16_t* q = p;
@@ -234,27 +238,27 @@ constexpr int k_max_cols = 8;
 inline int32_t row_class(int n) { return n == 0 ? 100 : (n < 4 ? n : 4) * 10; }
 inline int32_t col_class(int n) { return n <= k_max_cols ? n : k_max_cols + 1; }
 
-template <typename V>
+template <int NB, typename V>
 inline void pool_bin(const uint16_t* p, const run& u, int nr, int nc, int32_t code, V empty,
                      uint16_t* o) {
   switch (code) {
-    case 11: return cells_fixed<1, 1, V>(p, u, nr, nc, o);
-    case 12: return cells_fixed<1, 2, V>(p, u, nr, nc, o);
-    case 13: return cells_fixed<1, 3, V>(p, u, nr, nc, o);
-    case 21: return cells_fixed<2, 1, V>(p, u, nr, nc, o);
-    case 22: return cells_fixed<2, 2, V>(p, u, nr, nc, o);
-    case 23: return cells_fixed<2, 3, V>(p, u, nr, nc, o);
-    case 31: return cells_fixed<3, 1, V>(p, u, nr, nc, o);
-    case 32: return cells_fixed<3, 2, V>(p, u, nr, nc, o);
-    case 33: return cells_fixed<3, 3, V>(p, u, nr, nc, o);
-    case 41: return cells_rows<1, V>(p, u, nr, nc, o);
-    case 42: return cells_rows<2, V>(p, u, nr, nc, o);
-    case 43: return cells_rows<3, V>(p, u, nr, nc, o);
-    case 14: case 24: case 34: case 44: return cells_rows<4, V>(p, u, nr, nc, o);
-    case 15: case 25: case 35: case 45: return cells_rows<5, V>(p, u, nr, nc, o);
-    case 16: case 26: case 36: case 46: return cells_rows<6, V>(p, u, nr, nc, o);
-    case 17: case 27: case 37: case 47: return cells_rows<7, V>(p, u, nr, nc, o);
-    case 18: case 28: case 38: case 48: return cells_rows<8, V>(p, u, nr, nc, o);
+    case 11: return cells_fixed<NB, 1, 1, V>(p, u, nr, nc, o);
+    case 12: return cells_fixed<NB, 1, 2, V>(p, u, nr, nc, o);
+    case 13: return cells_fixed<NB, 1, 3, V>(p, u, nr, nc, o);
+    case 21: return cells_fixed<NB, 2, 1, V>(p, u, nr, nc, o);
+    case 22: return cells_fixed<NB, 2, 2, V>(p, u, nr, nc, o);
+    case 23: return cells_fixed<NB, 2, 3, V>(p, u, nr, nc, o);
+    case 31: return cells_fixed<NB, 3, 1, V>(p, u, nr, nc, o);
+    case 32: return cells_fixed<NB, 3, 2, V>(p, u, nr, nc, o);
+    case 33: return cells_fixed<NB, 3, 3, V>(p, u, nr, nc, o);
+    case 41: return cells_rows<NB, 1, V>(p, u, nr, nc, o);
+    case 42: return cells_rows<NB, 2, V>(p, u, nr, nc, o);
+    case 43: return cells_rows<NB, 3, V>(p, u, nr, nc, o);
+    case 14: case 24: case 34: case 44: return cells_rows<NB, 4, V>(p, u, nr, nc, o);
+    case 15: case 25: case 35: case 45: return cells_rows<NB, 5, V>(p, u, nr, nc, o);
+    case 16: case 26: case 36: case 46: return cells_rows<NB, 6, V>(p, u, nr, nc, o);
+    case 17: case 27: case 37: case 47: return cells_rows<NB, 7, V>(p, u, nr, nc, o);
+    case 18: case 28: case 38: case 48: return cells_rows<NB, 8, V>(p, u, nr, nc, o);
     case 19: case 29: case 39: case 49: return cells_pairs<V>(p, u, nr, nc, o);
     default: return cells_empty(empty, u, o);
   }
@@ -333,7 +337,10 @@ void pool_boxes(const uint16_t* proposal, const uint16_t* fmap, uint16_t* roi_re
               uint16_t* o = out + (static_cast<size_t>(ph0 + ph) * pool_w + pw0) * k_block;
               for (int pw = 0; pw < tw; ++pw, o += k_block) {
                 const bin_span& c = cols[pw];
-                pool_bin<V>(map + r.off + c.off, u, r.n, c.n, r.cls + c.cls, empty, o);
+                if (u.nb == k_block_run)
+                  pool_bin<k_block_run, V>(map + r.off + c.off, u, r.n, c.n, r.cls + c.cls, empty, o);
+                else
+                  pool_bin<0, V>(map + r.off + c.off, u, r.n, c.n, r.cls + c.cls, empty, o);
               }
             }
           }
