@@ -54,10 +54,24 @@ void hash_frame(const vgg16_frame& f, digest& d) {
   d.add(f.rcnn_result);
 }
 
-workload whole_frame(uint32_t threads, uint32_t depth) {
+// A call on the VGG16 frame (after one pre_nms_roi when post_nms needs its
+// ROIs); the digest covers every
+// output of the frame.
+workload on_frame(uint32_t threads, uint32_t depth, std::function<int(vgg16_frame&)> call,
+                  bool after_pre_nms_roi = false) {
   auto f = frame(threads, depth);
-  return {[f] { return f->pre_nms_roi() + f->post_nms(); }, [f](digest& d) { hash_frame(*f, d); }};
+  if (after_pre_nms_roi) f->pre_nms_roi();
+  return {[f, call] { return call(*f); }, [f](digest& d) { hash_frame(*f, d); }};
 }
+
+// A call on an operator workload W; the digest covers its `out`.
+template <typename W>
+workload on_op(std::function<int(W&)> call) {
+  auto w = std::make_shared<W>();
+  return {[w, call] { return call(*w); }, [w](digest& d) { d.add(w->out); }};
+}
+
+int whole_frame(vgg16_frame& f) { return f.pre_nms_roi() + f.post_nms(); }
 
 const struct {
   const char* name;
@@ -65,55 +79,35 @@ const struct {
   maker make;
 } k_workloads[] = {
     {"frame", "VGG16 frame: pre_nms_roi + post_nms, 512 channels",
-     [](uint32_t t) { return whole_frame(t, 512); }},
+     [](uint32_t t) { return on_frame(t, 512, whole_frame); }},
     {"frame64", "VGG16 frame: pre_nms_roi + post_nms, 64 channels",
-     [](uint32_t t) { return whole_frame(t, 64); }},
+     [](uint32_t t) { return on_frame(t, 64, whole_frame); }},
     {"prenms_nms", "VGG16 frame: prenms_nms (6000 -> 300)",
-     [](uint32_t t) {
-       auto f = frame(t, 512);
-       return workload{[f] { return f->prenms_nms(); }, [f](digest& d) { hash_frame(*f, d); }};
-     }},
+     [](uint32_t t) { return on_frame(t, 512, [](vgg16_frame& f) { return f.prenms_nms(); }); }},
     {"pre_nms_roi", "VGG16 frame: pre_nms_roi, 512 channels",
-     [](uint32_t t) {
-       auto f = frame(t, 512);
-       return workload{[f] { return f->pre_nms_roi(); }, [f](digest& d) { hash_frame(*f, d); }};
-     }},
+     [](uint32_t t) { return on_frame(t, 512, [](vgg16_frame& f) { return f.pre_nms_roi(); }); }},
     {"post_nms", "VGG16 frame: post_nms, 21 classes",
      [](uint32_t t) {
-       auto f = frame(t, 512);
-       f->pre_nms_roi();
-       return workload{[f] { return f->post_nms(); }, [f](digest& d) { hash_frame(*f, d); }};
+       return on_frame(t, 512, [](vgg16_frame& f) { return f.post_nms(); }, true);
      }},
-    {"roi_pooling", "roi_pooling: the frame's 300 ROIs, 512 channels, 38x63, 7x7",
-     [](uint32_t) {
-       auto w = std::make_shared<pool_workload>();
-       return workload{[w] { w->run(false); return 0; }, [w](digest& d) { d.add(w->out); }};
-     }},
+    {"roi_pooling", "roi_pooling: 300 ROIs (16..600 px), 512 channels, 38x63, 7x7",
+     [](uint32_t) { return on_op<pool_workload>([](pool_workload& w) { return w.run(false); }); }},
     {"roi_pooling_sign", "roi_pooling_sign: as roi_pooling",
-     [](uint32_t) {
-       auto w = std::make_shared<pool_workload>();
-       return workload{[w] { w->run(true); return 0; }, [w](digest& d) { d.add(w->out); }};
-     }},
+     [](uint32_t) { return on_op<pool_workload>([](pool_workload& w) { return w.run(true); }); }},
     {"roi_align_fmap_int16", "roi_align_fmap_int16: 300 ROIs x 256 channels, 50x84, 7x7",
      [](uint32_t) {
-       auto w = std::make_shared<align_workload>();
-       return workload{[w] { return w->roi_align(); }, [w](digest& d) { d.add(w->out); }};
+       return on_op<align_workload>([](align_workload& w) { return w.roi_align(); });
      }},
     {"roi_align_four_fmap_int16", "roi_align_four_fmap_int16: 1000 ROIs x 256 channels, 3 levels",
      [](uint32_t) {
-       auto w = std::make_shared<align_four_workload>();
-       return workload{[w] { return w->run(); }, [w](digest& d) { d.add(w->out); }};
+       return on_op<align_four_workload>([](align_four_workload& w) { return w.run(); });
      }},
     {"crop_and_resize_fmap_int16", "crop_and_resize_fmap_int16: 300 boxes x 256 channels, 14x14",
      [](uint32_t) {
-       auto w = std::make_shared<align_workload>();
-       return workload{[w] { return w->crop_and_resize(); }, [w](digest& d) { d.add(w->out); }};
+       return on_op<align_workload>([](align_workload& w) { return w.crop_and_resize(); });
      }},
     {"ps_roi_pooling", "ps_roi_pooling: R-FCN, 300 ROIs, 7x7 groups of 21",
-     [](uint32_t) {
-       auto w = std::make_shared<ps_workload>();
-       return workload{[w] { return w->run(); }, [w](digest& d) { d.add(w->out); }};
-     }},
+     [](uint32_t) { return on_op<ps_workload>([](ps_workload& w) { return w.run(); }); }},
     {"nms", "nms: the frame's 6000 proposals -> 300 at IoU 0.7",
      [](uint32_t t) {
        auto f = frame(t, 16);

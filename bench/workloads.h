@@ -129,9 +129,9 @@ struct pool_workload {
     }
     out.resize(static_cast<size_t>(rois) * depth * pool * pool);
   }
-  void run(bool sign) {
-    (sign ? roi_pooling_sign : roi_pooling)(hp(boxes), fmap.data(), out.data(), rois, pool, pool,
-                                            pool, stride, map_w, map_h, map_w, depth);
+  int run(bool sign) {
+    return (sign ? roi_pooling_sign : roi_pooling)(hp(boxes), fmap.data(), out.data(), rois, pool,
+                                                   pool, pool, stride, map_w, map_h, map_w, depth);
   }
 };
 
