@@ -358,25 +358,14 @@ size_t roi_pool_box_elems(int pool_w, int pool_h, int fmap_d) {
          static_cast<size_t>(pool_w) * k_block;
 }
 
-namespace {
-
-template <typename U, typename S>
-inline void pool_boxes_as(bool is_signed, const uint16_t* proposal, const uint16_t* fmap,
-                          uint16_t* roi_result, size_t box_stride, int roi_num, int pool_w,
-                          int pool_h, int fmap_scale, int fmap_h, int fmap_w, int fmap_d) {
-  if (is_signed)
-    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
-               fmap_w, fmap_d, S{} + INT16_MIN);
-  else
-    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
-               fmap_w, fmap_d, U{});
-}
-
-}  // namespace
-
 uint64_t roi_pool_box_work(const uint16_t* box, int pool_w, int pool_h, int fmap_scale, int fmap_h,
                            int fmap_w) {
+  // Grids beyond 2^20 bins per side count as that many (the estimate only
+  // balances tasks), so the sums below stay far from 64 bits.
+  const int limit = 1 << 20;
   if (pool_w < 1 || pool_h < 1 || fmap_scale < 1) return 1;
+  if (pool_w > limit) pool_w = limit;
+  if (pool_h > limit) pool_h = limit;
   const box_bins bb = box_to_bins(box, fmap_scale, pool_w, pool_h);
   uint64_t rows = 0, cols = 0;
   int s, e;
@@ -388,17 +377,21 @@ uint64_t roi_pool_box_work(const uint16_t* box, int pool_w, int pool_h, int fmap
     bin_bounds(bb.start_w, bb.bin_w, p, fmap_w > 0 ? fmap_w : 0, &s, &e);
     cols += static_cast<uint64_t>(e > s ? e - s : 0);
   }
-  // A cell costs about as much as four positions besides its positions;
-  // capped so that sums over many boxes stay far from 64 bits.
-  const uint64_t work = rows * cols + 4 * static_cast<uint64_t>(pool_h) * static_cast<uint64_t>(pool_w);
-  return work < (uint64_t(1) << 40) ? work : uint64_t(1) << 40;
+  // A cell costs about as much as four positions besides its positions.
+  if (rows > uint64_t(limit)) rows = limit;
+  if (cols > uint64_t(limit)) cols = limit;
+  return rows * cols + 4 * static_cast<uint64_t>(pool_h) * static_cast<uint64_t>(pool_w);
 }
 
 void roi_pool_boxes(bool is_signed, const uint16_t* proposal, const uint16_t* fmap,
                     uint16_t* roi_result, size_t box_stride, int roi_num, int pool_w, int pool_h,
                     int fmap_scale, int fmap_h, int fmap_w, int fmap_d) {
-  pool_boxes_as<u16x8, i16x8>(is_signed, proposal, fmap, roi_result, box_stride, roi_num, pool_w,
-                              pool_h, fmap_scale, fmap_h, fmap_w, fmap_d);
+  if (is_signed)
+    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
+               fmap_w, fmap_d, i16x8{} + INT16_MIN);
+  else
+    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
+               fmap_w, fmap_d, u16x8{});
 }
 
 }  // namespace ol
