@@ -14,6 +14,7 @@
 #include <string>
 #include <vector>
 
+#include "frcnn/head_stage.h"
 #include "workloads.h"
 
 namespace {
@@ -92,6 +93,17 @@ const struct {
      }},
     {"roi_pooling", "roi_pooling: 300 ROIs (16..600 px), 512 channels, 38x63, 7x7",
      [](uint32_t) { return on_op<pool_workload>([](pool_workload& w) { return w.run(false); }); }},
+    {"roi_pool_stage", "the pooling stage on the roi_pooling workload, --threads workers",
+     [](uint32_t t) {
+       auto pool = std::shared_ptr<ol::thread_pool>(ol::thread_pool_create(t), ol::thread_pool_destroy);
+       return on_op<pool_workload>([pool](pool_workload& w) {
+         using pw = pool_workload;
+         ol::frcnn_roi_pool(pool.get(), w.boxes.data(), w.fmap.data(), w.out.data(), pw::rois,
+                            pw::depth, pw::map_h, pw::map_w, pw::map_w, pw::stride, false,
+                            pw::pool, pw::pool, pw::pool);
+         return 0;
+       });
+     }},
     {"roi_pooling_sign", "roi_pooling_sign: as roi_pooling",
      [](uint32_t) { return on_op<pool_workload>([](pool_workload& w) { return w.run(true); }); }},
     {"roi_align_fmap_int16", "roi_align_fmap_int16: 300 ROIs x 256 channels, 50x84, 7x7",
