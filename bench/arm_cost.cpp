@@ -56,8 +56,7 @@ void hash_frame(const vgg16_frame& f, digest& d) {
 }
 
 // A call on the VGG16 frame (after one pre_nms_roi when post_nms needs its
-// ROIs); the digest covers every
-// output of the frame.
+// ROIs); the digest covers every output of the frame.
 workload on_frame(uint32_t threads, uint32_t depth, std::function<int(vgg16_frame&)> call,
                   bool after_pre_nms_roi = false) {
   auto f = frame(threads, depth);
