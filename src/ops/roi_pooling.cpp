@@ -14,6 +14,7 @@
 // The 16 channels of one map position are two 128-bit vectors, so a cell
 // visit is two loads and two lane-wise maxima (pmaxuw / pmaxsw on x86-64,
 // umax / smax on aarch64), written once with GCC vector extensions.
+#include <limits.h>
 #include <stddef.h>
 #include <stdint.h>
 
@@ -287,17 +288,15 @@ inline bin_span make_span(const box_bins& bb, bool rows, int p, int n_map, ptrdi
   return bin_span{n ? s * unit : 0, n, rows ? row_class(n) : col_class(n)};
 }
 
-// Channel blocks per run. Boxes are taken in groups; for each run of blocks
-// every box of the group is pooled, so that part of the map (k_block_run *
-// fmap_h * fmap_w * 32 bytes) serves the whole group while it is in cache.
-// Cells are independent, so the order does not change any result.
+// Channel blocks per run. Runs are the outer loop: one run of the map
+// (k_block_run * fmap_h * fmap_w * 32 bytes) serves every box while it is
+// in cache. Cells are independent, so the order does not change any result.
 constexpr int k_block_run = 8;
-constexpr int k_box_group = 32;
 
 template <typename V>
 void pool_boxes(const uint16_t* proposal, const uint16_t* fmap, uint16_t* roi_result,
                 size_t box_stride, int roi_num, int pool_w, int pool_h, int fmap_scale,
-                int fmap_h, int fmap_w, int fmap_d, V empty) {
+                int fmap_h, int fmap_w, int fmap_d, int first_run, int end_run, V empty) {
   if (roi_num < 1) return;
   const int blocks = fmap_d / k_block;  // whole channel blocks only
   // fmap_scale < 1 would divide by zero or mirror the box: nothing is written.
@@ -306,42 +305,43 @@ void pool_boxes(const uint16_t* proposal, const uint16_t* fmap, uint16_t* roi_re
   // start = end); taking it as 0 keeps the block stride below meaningful.
   if (fmap_h < 0) fmap_h = 0;
   if (fmap_w < 0) fmap_w = 0;
+  // The blocks of runs [first_run, end_run).
+  const int runs = (blocks + k_block_run - 1) / k_block_run;
+  if (first_run < 0) first_run = 0;
+  if (end_run > runs) end_run = runs;
+  if (first_run >= end_run) return;
+  const int g_end = end_run * k_block_run < blocks ? end_run * k_block_run : blocks;
 
   run u;
   u.rs = static_cast<ptrdiff_t>(fmap_w) * k_block;
   u.bs = static_cast<ptrdiff_t>(fmap_h) * u.rs;
   u.os = static_cast<ptrdiff_t>(pool_h) * pool_w * k_block;
 
-  box_bins bins[k_box_group];
   bin_span rows[k_tile], cols[k_tile];
-  for (int first = 0; first < roi_num; first += k_box_group) {
-    const int n = roi_num - first < k_box_group ? roi_num - first : k_box_group;
-    for (int i = 0; i < n; ++i)
-      bins[i] = box_to_bins(proposal + static_cast<size_t>(first + i) * 4, fmap_scale, pool_w,
-                            pool_h);
-    for (int g0 = 0; g0 < blocks; g0 += k_block_run) {
-      u.nb = blocks - g0 < k_block_run ? blocks - g0 : k_block_run;
-      const uint16_t* map = fmap + static_cast<size_t>(g0) * static_cast<size_t>(u.bs);
-      for (int i = 0; i < n; ++i) {
-        uint16_t* out = roi_result + static_cast<size_t>(first + i) * box_stride +
-                        static_cast<size_t>(g0) * static_cast<size_t>(u.os);
-        for (int ph0 = 0; ph0 < pool_h; ph0 += k_tile) {
-          const int th = pool_h - ph0 < k_tile ? pool_h - ph0 : k_tile;
-          for (int k = 0; k < th; ++k) rows[k] = make_span(bins[i], true, ph0 + k, fmap_h, u.rs);
-          for (int pw0 = 0; pw0 < pool_w; pw0 += k_tile) {
-            const int tw = pool_w - pw0 < k_tile ? pool_w - pw0 : k_tile;
-            for (int k = 0; k < tw; ++k)
-              cols[k] = make_span(bins[i], false, pw0 + k, fmap_w, k_block);
-            for (int ph = 0; ph < th; ++ph) {
-              const bin_span& r = rows[ph];
-              uint16_t* o = out + (static_cast<size_t>(ph0 + ph) * pool_w + pw0) * k_block;
-              for (int pw = 0; pw < tw; ++pw, o += k_block) {
-                const bin_span& c = cols[pw];
-                if (u.nb == k_block_run)
-                  pool_bin<k_block_run, V>(map + r.off + c.off, u, r.n, c.n, r.cls + c.cls, empty, o);
-                else
-                  pool_bin<0, V>(map + r.off + c.off, u, r.n, c.n, r.cls + c.cls, empty, o);
-              }
+  for (int g0 = first_run * k_block_run; g0 < g_end; g0 += k_block_run) {
+    u.nb = blocks - g0 < k_block_run ? blocks - g0 : k_block_run;
+    const uint16_t* map = fmap + static_cast<size_t>(g0) * static_cast<size_t>(u.bs);
+    for (int i = 0; i < roi_num; ++i) {
+      const box_bins bb =
+          box_to_bins(proposal + static_cast<size_t>(i) * 4, fmap_scale, pool_w, pool_h);
+      uint16_t* out = roi_result + static_cast<size_t>(i) * box_stride +
+                      static_cast<size_t>(g0) * static_cast<size_t>(u.os);
+      for (int ph0 = 0; ph0 < pool_h; ph0 += k_tile) {
+        const int th = pool_h - ph0 < k_tile ? pool_h - ph0 : k_tile;
+        for (int k = 0; k < th; ++k) rows[k] = make_span(bb, true, ph0 + k, fmap_h, u.rs);
+        for (int pw0 = 0; pw0 < pool_w; pw0 += k_tile) {
+          const int tw = pool_w - pw0 < k_tile ? pool_w - pw0 : k_tile;
+          for (int k = 0; k < tw; ++k) cols[k] = make_span(bb, false, pw0 + k, fmap_w, k_block);
+          for (int ph = 0; ph < th; ++ph) {
+            const bin_span& r = rows[ph];
+            uint16_t* o = out + (static_cast<size_t>(ph0 + ph) * pool_w + pw0) * k_block;
+            for (int pw = 0; pw < tw; ++pw, o += k_block) {
+              const bin_span& c = cols[pw];
+              const uint16_t* p = map + r.off + c.off;
+              if (u.nb == k_block_run)
+                pool_bin<k_block_run, V>(p, u, r.n, c.n, r.cls + c.cls, empty, o);
+              else
+                pool_bin<0, V>(p, u, r.n, c.n, r.cls + c.cls, empty, o);
             }
           }
         }
@@ -383,15 +383,20 @@ uint64_t roi_pool_box_work(const uint16_t* box, int pool_w, int pool_h, int fmap
   return rows * cols + 4 * static_cast<uint64_t>(pool_h) * static_cast<uint64_t>(pool_w);
 }
 
+int roi_pool_runs(int fmap_d) {
+  return fmap_d < k_block ? 0 : (fmap_d / k_block + k_block_run - 1) / k_block_run;
+}
+
 void roi_pool_boxes(bool is_signed, const uint16_t* proposal, const uint16_t* fmap,
                     uint16_t* roi_result, size_t box_stride, int roi_num, int pool_w, int pool_h,
-                    int fmap_scale, int fmap_h, int fmap_w, int fmap_d) {
+                    int fmap_scale, int fmap_h, int fmap_w, int fmap_d, int first_run,
+                    int end_run) {
   if (is_signed)
     pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
-               fmap_w, fmap_d, i16x8{} + INT16_MIN);
+               fmap_w, fmap_d, first_run, end_run, i16x8{} + INT16_MIN);
   else
     pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
-               fmap_w, fmap_d, u16x8{});
+               fmap_w, fmap_d, first_run, end_run, u16x8{});
 }
 
 }  // namespace ol
@@ -403,7 +408,7 @@ int roi_pooling(half_float::half* proposal, unsigned short* fmap, unsigned short
                 int /*fmap_pitch*/, int fmap_h, int fmap_w, int fmap_d) {
   ol::roi_pool_boxes(false, ol::half_bits_ptr(proposal), fmap, roi_result,
                      ol::roi_pool_box_elems(pool_w, pool_h, fmap_d), roi_num, pool_w, pool_h,
-                     fmap_scale, fmap_h, fmap_w, fmap_d);
+                     fmap_scale, fmap_h, fmap_w, fmap_d, 0, INT_MAX);
   return 0;
 }
 
@@ -412,6 +417,6 @@ int roi_pooling_sign(half_float::half* proposal, unsigned short* fmap, unsigned 
                      int /*fmap_pitch*/, int fmap_h, int fmap_w, int fmap_d) {
   ol::roi_pool_boxes(true, ol::half_bits_ptr(proposal), fmap, roi_result,
                      ol::roi_pool_box_elems(pool_w, pool_h, fmap_d), roi_num, pool_w, pool_h,
-                     fmap_scale, fmap_h, fmap_w, fmap_d);
+                     fmap_scale, fmap_h, fmap_w, fmap_d, 0, INT_MAX);
   return 0;
 }
