@@ -50,8 +50,7 @@ void expect_same(bool is_signed, std::vector<uint16_t> boxes, map16& m, int roi_
 
 // Random maps and boxes: inside, partly and wholly outside the map, reversed,
 // smaller than the bin grid, 40 and 136 channels (last 8 ignored), runs of
-// 8 channel blocks and the remainders (up to 17 blocks), groups of more than
-// 32 boxes. One case in three
+// 8 channel blocks and the remainders (up to 17 blocks), up to 40 boxes. One case in three
 // takes arbitrary half patterns as coordinates (NaN, infinities, +-65504,
 // huge negative): the result matches and nothing is read outside the map.
 TEST(RoiPooling, MatchesTwinOnRandomInputs) {
