@@ -15,6 +15,7 @@
 #include "frcnn/nms.h"
 #include "frcnn/nms_ref.h"
 #include "ops/roi_pooling_ref.h"
+#include "workloads.h"
 
 namespace {
 
@@ -25,22 +26,13 @@ constexpr int k_map_h = 38, k_map_w = 63, k_depth = 512, k_pool = 7, k_rois = 30
 
 // ---- ROI pooling ------------------------------------------------------------
 
-struct pool_frame {
-  std::vector<uint16_t> fmap, boxes, out;
+// The ROI pooling workload of workloads.h, with its footprint.
+struct pool_frame : ol_bench::pool_workload {
   double unique_bytes = 0;  // map bytes inside the ROIs' bins (each counted once per ROI)
   double visited_bytes = 0;  // bytes loaded, bins overlapping by a row/column counted again
 
   pool_frame() {
-    ol_test::rng rng(42);
-    fmap.resize(static_cast<size_t>(k_depth) * k_map_h * k_map_w);
-    for (auto& e : fmap) e = static_cast<uint16_t>(rng.next());
-    // Box sides log-uniform in 16..600 px, inside the image.
     for (int r = 0; r < k_rois; ++r) {
-      const float w = std::min(std::exp(rng.uniform(std::log(16.f), std::log(600.f))), float(k_img_w));
-      const float hh = std::min(std::exp(rng.uniform(std::log(16.f), std::log(600.f))), float(k_img_h));
-      const float x1 = rng.uniform(0, k_img_w - w), y1 = rng.uniform(0, k_img_h - hh);
-      const float b[4] = {x1, y1, x1 + w - 1, y1 + hh - 1};
-      for (float v : b) boxes.push_back(h(v));
       // Footprint with the pooling's own arithmetic.
       auto cell = [](uint16_t v) { return (ol_ref::roi_coord(v) + 8) / k_stride; };
       const int sw = cell(boxes[4 * r]), sh = cell(boxes[4 * r + 1]);
@@ -56,7 +48,6 @@ struct pool_frame {
       unique_bytes += double(cover_w) * cover_h * k_depth * 2;
       visited_bytes += double(cols) * rows * k_depth * 2;
     }
-    out.resize(static_cast<size_t>(k_rois) * k_depth * k_pool * k_pool);
   }
 };
 

@@ -11,6 +11,7 @@
 #include "frcnn/head_stage.h"
 #include "frcnn/nms.h"
 #include "frcnn/rpn_stage.h"
+#include "workloads.h"
 
 namespace {
 
@@ -129,83 +130,91 @@ BENCHMARK(pipeline_step)
     ->Unit(benchmark::kMicrosecond)
     ->UseRealTime();
 
-// A whole VGG16 frame: proposals, ROI pooling of a 512-channel map, then the
-// detection head on second-stage outputs for 21 classes.
+// A whole VGG16 frame on an instance handle: pre_nms_roi (proposals and the
+// pooling of a 512- or 64-channel map) then post_nms for 21 classes. Here
+// and below "CPU" is the CPU time of the whole process (caller and workers):
+// on a busy machine, where wall times of several workers say little, CPU
+// time divided by the workers bounds what an idle machine would show.
+// Args: channels, workers, qsort.
 void pipeline_frame(benchmark::State& state) {
-  pipeline p(make_desc(vgg16, state.range(0), state.range(1), 0));
-  const frcnn_desc& d = p.desc;
-  std::vector<uint16_t> fmap(static_cast<size_t>(d.fmap_d) * d.fmap_h * d.fmap_w);
-  for (size_t i = 0; i < fmap.size(); ++i) fmap[i] = static_cast<uint16_t>(i * 2654435761u >> 16);
-  std::vector<uint16_t> roi_result(static_cast<size_t>(d.post_nms_num) * d.pool_h * d.pool_w *
-                                   d.fmap_d);
-  std::vector<uint16_t> rcnn_cls(static_cast<size_t>(d.post_nms_num) * d.rcnn_cls_pitch);
-  std::vector<uint16_t> rcnn_bbox(static_cast<size_t>(d.post_nms_num) * d.rcnn_bbox_pitch);
-  std::vector<uint16_t> rcnn_result(d.class_num + 5 * d.post_nms_num * d.class_num);
-  uint32_t seed = 1;
-  for (uint32_t r = 0; r < d.post_nms_num; ++r) {
-    // Mostly background; a few classes above cls_prob.
-    for (uint32_t c = 0; c < d.class_num; ++c) {
-      seed = seed * 1664525u + 1013904223u;
-      const float prob = c == 0 ? 0.6f : (seed >> 8) * (1.0f / 16777216.0f) * 0.12f;
-      rcnn_cls[r * d.rcnn_cls_pitch + c] = opt_layers_half::from_float_round(prob);
-    }
-    for (uint32_t k = 0; k < d.rcnn_bbox_pitch; ++k) {
-      seed = seed * 1664525u + 1013904223u;
-      rcnn_bbox[r * d.rcnn_bbox_pitch + k] =
-          opt_layers_half::from_float_round(((seed >> 8) * (1.0f / 16777216.0f) - 0.5f) * 0.2f);
-    }
-  }
+  ol_bench::vgg16_frame f(static_cast<uint32_t>(state.range(1)),
+                          static_cast<uint32_t>(state.range(0)), state.range(2));
   for (auto _ : state) {
-    const int rois = opt_layers_instance_frcnn_pre_nms_roi(
-        p.h, hp(p.frame.cls), hp(p.frame.bbox), fmap.data(), roi_result.data(), hp(p.nms_out));
-    opt_layers_instance_frcnn_post_nms(p.h, hp(rcnn_cls), hp(rcnn_bbox), hp(p.nms_out),
-                                       hp(rcnn_result), static_cast<unsigned>(rois));
+    f.pre_nms_roi();
+    f.post_nms();
   }
-  state.SetLabel(state.range(1) ? "qsort" : "hist");
+  state.counters["rois"] = f.rois;
+  state.SetLabel(std::to_string(state.range(0)) + " ch" + (state.range(2) ? " qsort" : " hist"));
 }
 BENCHMARK(pipeline_frame)
-    ->Args({1, 0})
-    ->Args({2, 0})
-    ->Args({1, 1})
-    ->Args({2, 1})
+    ->ArgsProduct({{512, 64}, {1, 2}, {0}})
+    ->Args({512, 1, 1})
+    ->Args({512, 2, 1})
     ->Unit(benchmark::kMillisecond)
+    ->MeasureProcessCPUTime()
     ->UseRealTime();
 
-// The pooling stage alone: 300 ROIs (16..600 px boxes in a 600x1000 image)
-// on a 512-channel 38x63 map, 7x7 bins, through the stage on 1, 2, 4 workers.
+// The same frame one stage at a time: 0 prenms_nms, 1 the pooling stage (on
+// the ROIs of the frame, through the context's pool), 2 post_nms.
+// Args: stage, channels, workers.
+void pipeline_frame_stage(benchmark::State& state) {
+  ol_bench::vgg16_frame f(static_cast<uint32_t>(state.range(2)),
+                          static_cast<uint32_t>(state.range(1)));
+  f.pre_nms_roi();
+  auto* ctx = static_cast<ol::frcnn_context*>(f.h);
+  const frcnn_desc& d = f.desc;
+  for (auto _ : state) {
+    switch (state.range(0)) {
+      case 0:
+        f.prenms_nms();
+        break;
+      case 1:
+        ol::frcnn_roi_pool(ctx->pool, f.nms_out.data(), f.fmap.data(), f.roi_result.data(),
+                           static_cast<uint32_t>(f.rois), d.fmap_d, d.fmap_h, d.fmap_w,
+                           d.fmap_pitch, d.fmap_scale, d.fmap_sign, d.pool_h, d.pool_w,
+                           d.pool_pitch);
+        break;
+      case 2:
+        f.post_nms();
+        break;
+    }
+  }
+  static const char* names[] = {"prenms_nms", "pooling stage", "post_nms"};
+  state.SetLabel(std::string(names[state.range(0)]) + " " + std::to_string(state.range(1)) + " ch");
+}
+BENCHMARK(pipeline_frame_stage)
+    ->ArgsProduct({{0, 1, 2}, {512, 64}, {1, 2}})
+    ->Unit(benchmark::kMicrosecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
+
+// The pooling workload of roi_pooling (ops_pool_bench.cpp, arm_cost.cpp): 300
+// ROIs on a 512-channel 38x63 map, 7x7. Arg 0: one direct roi_pooling call
+// on this thread; 1, 2, 4: the pooling stage on that many workers.
 void pipeline_roi_pool_stage(benchmark::State& state) {
-  const uint32_t rois = 300, depth = 512, H = 38, W = 63, P = 7;
+  static ol_bench::pool_workload w;
+  using pw = ol_bench::pool_workload;
   ol::thread_pool* pool =
       state.range(0) ? ol::thread_pool_create(static_cast<uint32_t>(state.range(0))) : nullptr;
-  std::vector<uint16_t> fmap(static_cast<size_t>(depth) * H * W);
-  for (size_t i = 0; i < fmap.size(); ++i) fmap[i] = static_cast<uint16_t>(i * 2654435761u >> 16);
-  std::vector<uint16_t> boxes(4 * rois), out(static_cast<size_t>(rois) * P * P * depth);
-  uint32_t seed = 7;
-  auto rnd = [&seed](float lo, float hi) {
-    seed = seed * 1664525u + 1013904223u;
-    return lo + (hi - lo) * ((seed >> 8) * (1.0f / 16777216.0f));
-  };
-  for (uint32_t r = 0; r < rois; ++r) {
-    const float w = rnd(16, 600), h = rnd(16, 580);
-    const float x = rnd(0, 1000 - w), y = rnd(0, 600 - h);
-    const float b[4] = {x, y, x + w - 1, y + h - 1};
-    for (int k = 0; k < 4; ++k) boxes[4 * r + k] = opt_layers_half::from_float_round(b[k]);
-  }
-  // Arg 0: the same boxes through one direct roi_pooling call on this thread.
   for (auto _ : state) {
     if (pool == nullptr) {
-      roi_pooling(reinterpret_cast<half_float::half*>(boxes.data()), fmap.data(), out.data(), rois,
-                  P, P, P, 16, W, H, W, depth);
+      w.run(false);
     } else {
-      ol::frcnn_roi_pool(pool, boxes.data(), fmap.data(), out.data(), rois, depth,
-                         H, W, W, 16, false, P, P, P);
+      ol::frcnn_roi_pool(pool, w.boxes.data(), w.fmap.data(), w.out.data(), pw::rois, pw::depth,
+                         pw::map_h, pw::map_w, pw::map_w, pw::stride, false, pw::pool, pw::pool,
+                         pw::pool);
     }
   }
   ol::thread_pool_destroy(pool);
-  // Bytes the pooling must read at least: the map under every ROI once.
-  state.counters["map_MB"] = fmap.size() * 2 / 1e6;
 }
-BENCHMARK(pipeline_roi_pool_stage)->Arg(0)->Arg(1)->Arg(2)->Arg(4)->Unit(benchmark::kMicrosecond)->UseRealTime();
+BENCHMARK(pipeline_roi_pool_stage)
+    ->Arg(0)
+    ->Arg(1)
+    ->Arg(2)
+    ->Arg(4)
+    ->Unit(benchmark::kMicrosecond)
+    ->MeasureProcessCPUTime()
+    ->UseRealTime();
 
 void pipeline_init_exit(benchmark::State& state) {
   std::vector<float> anchors = ol_test::base_anchors_9();

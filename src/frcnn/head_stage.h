@@ -10,17 +10,21 @@
 
 namespace ol {
 
-// ---- pooling stage: one task per run of consecutive ROIs -------------------
+// ---- pooling stage: one task per run of ROIs and run of channel blocks ----
+// Most units the pooling is cut into: enough to balance two workers or more,
+// few enough that each unit pools a large group of ROIs over a part of the
+// map (fewer, larger groups cost less in cache misses).
+constexpr uint32_t k_pool_tasks = 16;
+
 struct roi_pool_task {
   uint32_t begin, end;       // the ROIs [begin, end) of nms_out
+  uint32_t first_run, end_run;  // the kernel's runs of channel blocks
   const uint16_t* nms_out;   // 4 halves per ROI
   uint16_t* roi_result;      // ROI i at element i * stride (32-bit product)
   uint32_t stride;
   uint16_t* fmap;
   int pool_w;
   int pool_h;
-  int pool_pitch;
-  int fmap_pitch;
   int fmap_h;
   int fmap_w;
   int fmap_d;
@@ -32,7 +36,10 @@ struct roi_pool_task {
 
 int32_t roi_pool_task_func(void* record);
 
-// Task records live in this call's frame (at most k_stage_tasks).
+// Task records live in this call's frame (at most k_pool_tasks). A refused
+// task prints "fatal: add task fail" once per ROI it held and leaves those
+// ROIs' blocks of its channels unwritten. The pitches are not used: the map
+// and the output are dense.
 void frcnn_roi_pool(thread_pool* pool, const uint16_t* nms_out,
                     uint16_t* fmap, uint16_t* roi_result, uint32_t n, uint32_t fmap_d,
                     uint32_t fmap_h, uint32_t fmap_w, uint32_t fmap_pitch, uint32_t fmap_scale,

@@ -14,38 +14,36 @@
 // The 16 channels of one map position are two 128-bit vectors, so a cell
 // visit is two loads and two lane-wise maxima (pmaxuw / pmaxsw on x86-64,
 // umax / smax on aarch64), written once with GCC vector extensions.
+#include <limits.h>
 #include <stddef.h>
 #include <stdint.h>
 
 #include "brennik_opt_layers.h"
 #include "common/box.h"
+#include "ops/roi_pooling_kernels.h"
 
 namespace ol {
 namespace {
 
+// 128-bit vectors of 16-bit lanes: two per map position.
 typedef uint16_t u16x8 __attribute__((vector_size(16)));
 typedef int16_t i16x8 __attribute__((vector_size(16)));
 
 // Lanes per map position (one channel block).
 constexpr int k_block = 16;
 
-// Unaligned, aliasing views of the map and the output as vectors. (A
-// memcpy store of a vector makes aarch64 GCC go through general registers.)
-typedef uint16_t u16x8_mem __attribute__((vector_size(16), aligned(2), may_alias));
-typedef int16_t i16x8_mem __attribute__((vector_size(16), aligned(2), may_alias));
-
+// Unaligned, aliasing loads and stores of a vector. (A memcpy store of a
+// vector makes aarch64 GCC go through general registers.)
 template <typename V>
-inline V load8(const uint16_t* p);
-template <>
-inline u16x8 load8<u16x8>(const uint16_t* p) {
-  return *reinterpret_cast<const u16x8_mem*>(p);
+inline V load_vec(const uint16_t* p) {
+  typedef V mem __attribute__((aligned(2), may_alias));
+  return *reinterpret_cast<const mem*>(p);
 }
-template <>
-inline i16x8 load8<i16x8>(const uint16_t* p) {
-  return *reinterpret_cast<const i16x8_mem*>(p);
+template <typename V>
+inline void store_vec(uint16_t* p, V v) {
+  typedef V mem __attribute__((aligned(2), may_alias));
+  *reinterpret_cast<mem*>(p) = v;
 }
-inline void store8(uint16_t* p, u16x8 v) { *reinterpret_cast<u16x8_mem*>(p) = v; }
-inline void store8(uint16_t* p, i16x8 v) { *reinterpret_cast<i16x8_mem*>(p) = v; }
 
 // Lane-wise maximum; the lane type (unsigned or signed 16-bit) chooses the
 // comparison.
@@ -87,30 +85,6 @@ inline int clamp_bound(int v, int n) {
   return m < n ? m : n;
 }
 
-// One bin of one channel block: the lane-wise maximum over rows hs..he-1 and
-// columns ws..we-1, starting from `init` (the empty-bin value), stored as 16
-// output elements.
-template <typename V>
-inline void pool_cell(const uint16_t* block, int fmap_w, int hs, int he, int ws, int we, V init,
-                      uint16_t* out) {
-  V lo = init;
-  V hi = init;
-  if (hs < he && ws < we) {
-    const size_t row_elems = static_cast<size_t>(fmap_w) * k_block;
-    const uint16_t* row = block + static_cast<size_t>(hs) * row_elems +
-                          static_cast<size_t>(ws) * k_block;
-    const size_t row_span = static_cast<size_t>(we - ws) * k_block;
-    for (int y = hs; y < he; ++y, row += row_elems) {
-      for (size_t i = 0; i < row_span; i += k_block) {
-        lo = vmax(lo, load8<V>(row + i));
-        hi = vmax(hi, load8<V>(row + i + 8));
-      }
-    }
-  }
-  store8(out, lo);
-  store8(out + 8, hi);
-}
-
 // Where a box lies on the map: its first cell and its bin sizes in 1/128
 // cell.
 struct box_bins {
@@ -148,71 +122,283 @@ inline void bin_bounds(int16_t start, int32_t bin, int p, int n, int* first, int
   *end = clamp_bound(wrap16(start + ((edge + bin + 127) >> 7)), n);
 }
 
-// Bin columns handled per pass: their bounds are computed once and reused by
-// every bin row.
-constexpr int k_col_chunk = 16;
+// ---- cells ------------------------------------------------------------------
+//
+// A cell is the lane-wise maximum of the map positions of its bin. Max is
+// idempotent, so the accumulators start from the bin's first position (no
+// empty-bin value to merge) and a long row may be covered by overlapping
+// pairs of positions. A bin has the same shape in every channel block, so
+// each cell function pools one bin over a run of `nb` channel blocks: the
+// switch on the bin's shape is paid once per run, not once per cell. Bins
+// of up to 3 x 3 positions are unrolled completely, rows of up to
+// k_max_cols positions are unrolled, longer rows run over pairs. NB is the
+// run length when it is the usual k_block_run (0: u.nb).
+//
+// Generated aarch64 code (GCC 12 -O3): a covered map position costs one
+// `ldp q, q` and two `umax` / `smax` (the bin's first position only the
+// `ldp`); a cell adds its `stp q, q`, two `add`s to step to the next block
+// and output cell and the run loop's `subs` + `b.ne`, and a bin row after
+// the first an `add` (plus `cmp` and a branch for bins of four rows or
+// more). On the roi_pooling workload of bench/arm_cost.cpp (6.2 positions
+// per cell) that is about 33 instructions per 16-lane cell, of which about
+// 19 are the loads and maxima. x86-64 is the same with `movdqu` loads and
+// `pmaxuw` / `pmaxsw`.
 
-// The pool_h x pool_w cells of one box in one channel block.
+// The running maximum of one cell: the 16 lanes of a map position in
+// k_vecs vectors.
 template <typename V>
-void pool_block(const box_bins& bb, const uint16_t* block, uint16_t* out, int pool_w, int pool_h,
-                int fmap_h, int fmap_w, V init) {
-  int ws[k_col_chunk], we[k_col_chunk];
-  for (int pw0 = 0; pw0 < pool_w; pw0 += k_col_chunk) {
-    const int n = pool_w - pw0 < k_col_chunk ? pool_w - pw0 : k_col_chunk;
-    for (int k = 0; k < n; ++k) bin_bounds(bb.start_w, bb.bin_w, pw0 + k, fmap_w, &ws[k], &we[k]);
-    for (int ph = 0; ph < pool_h; ++ph) {
-      int hs, he;
-      bin_bounds(bb.start_h, bb.bin_h, ph, fmap_h, &hs, &he);
-      uint16_t* o = out + (static_cast<size_t>(ph) * pool_w + pw0) * k_block;
-      for (int k = 0; k < n; ++k, o += k_block)
-        pool_cell<V>(block, fmap_w, hs, he, ws[k], we[k], init, o);
-    }
+struct acc {
+  static constexpr int k_lanes = sizeof(V) / sizeof(uint16_t);
+  static constexpr int k_vecs = k_block / k_lanes;
+  V v[k_vecs];
+  explicit acc(V fill) {
+    for (int i = 0; i < k_vecs; ++i) v[i] = fill;
+  }
+  explicit acc(const uint16_t* p) {
+    for (int i = 0; i < k_vecs; ++i) v[i] = load_vec<V>(p + i * k_lanes);
+  }
+  void add(const uint16_t* p) {
+    for (int i = 0; i < k_vecs; ++i) v[i] = vmax(v[i], load_vec<V>(p + i * k_lanes));
+  }
+  void merge(const acc& b) {
+    for (int i = 0; i < k_vecs; ++i) v[i] = vmax(v[i], b.v[i]);
+  }
+  void store(uint16_t* out) const {
+    for (int i = 0; i < k_vecs; ++i) store_vec(out + i * k_lanes, v[i]);
+  }
+};
+
+// Where a run of one bin goes: map rows `rs` apart, channel blocks `bs`
+// apart on the map and `os` apart in the output, nb >= 1 blocks.
+struct run {
+  ptrdiff_t rs, bs, os;
+  int nb;
+};
+
+// NR rows of NC positions, both known.
+template <int NB, int NR, int NC, typename V>
+void cells_fixed(const uint16_t* p, const run& u, int, int, uint16_t* o) {
+  for (int g = 0; g < (NB ? NB : u.nb); ++g, p += u.bs, o += u.os) {
+    acc<V> a(p);
+    for (int c = 1; c < NC; ++c) a.add(p + c * k_block);
+    for (int r = 1; r < NR; ++r)
+      for (int c = 0; c < NC; ++c) a.add(p + r * u.rs + c * k_block);
+    a.store(o);
   }
 }
 
-// Boxes are taken in groups; within a group the channel block is the outer
-// loop, so one block of the map (fmap_h * fmap_w * 32 bytes) serves every
-// box of the group while it is in cache. Cells are independent, so the
-// order does not change any result.
-constexpr int k_box_group = 64;
+// nr >= 1 rows of NC positions.
+template <int NB, int NC, typename V>
+void cells_rows(const uint16_t* p, const run& u, int nr, int, uint16_t* o) {
+  for (int g = 0; g < (NB ? NB : u.nb); ++g, p += u.bs, o += u.os) {
+    acc<V> a(p);
+    for (int c = 1; c < NC; ++c) a.add(p + c * k_block);
+    const uint16_t* q = p;
+    for (int r = 1; r < nr; ++r) {
+      q += u.rs;
+      for (int c = 0; c < NC; ++c) a.add(q + c * k_block);
+    }
+    a.store(o);
+  }
+}
 
-// The shared algorithm; V is u16x8 for roi_pooling and i16x8 for
-// roi_pooling_sign, `init` the matching empty-bin value in every lane.
+// nr >= 1 rows of nc >= 2 positions: pairs of positions, the last pair
+// ending at the row's last position (it may overlap the one before).
 template <typename V>
-int roi_pool(const uint16_t* proposal, const uint16_t* fmap, uint16_t* roi_result, int roi_num,
-             int pool_w, int pool_h, int fmap_scale, int fmap_h, int fmap_w, int fmap_d,
-             V init) {
-  if (roi_num < 1) return 0;
+void cells_pairs(const uint16_t* p, const run& u, int nr, int nc, uint16_t* o) {
+  const ptrdiff_t last = static_cast<ptrdiff_t>(nc - 2) * k_block;
+  for (int g = 0; g < u.nb; ++g, p += u.bs, o += u.os) {
+    acc<V> a(p), b(p + k_block);
+    const uint16_t* q = p;
+    for (int r = 0; r < nr; ++r, q += u.rs) {
+      for (ptrdiff_t i = r ? 0 : 2 * k_block; i < last; i += 2 * k_block) {
+        a.add(q + i);
+        b.add(q + i + k_block);
+      }
+      a.add(q + last);
+      b.add(q + last + k_block);
+    }
+    a.merge(b);
+    a.store(o);
+  }
+}
+
+template <typename V>
+void cells_empty(V empty, const run& u, uint16_t* o) {
+  const acc<V> e(empty);
+  for (int g = 0; g < u.nb; ++g, o += u.os) e.store(o);
+}
+
+// Columns up to which a bin's row is unrolled.
+constexpr int k_max_cols = 8;
+
+// Size classes of a bin: rows 1, 2, 3, or 4 for four rows or more, times
+// 10; columns 1 to k_max_cols, or k_max_cols + 1 for more. A bin's code is
+// the sum of its two classes; an empty bin's (no row or no column) is 100 or
+// more, or a multiple of 10.
+inline int32_t row_class(int n) { return n == 0 ? 100 : (n < 4 ? n : 4) * 10; }
+inline int32_t col_class(int n) { return n <= k_max_cols ? n : k_max_cols + 1; }
+
+template <int NB, typename V>
+inline void pool_bin(const uint16_t* p, const run& u, int nr, int nc, int32_t code, V empty,
+                     uint16_t* o) {
+  switch (code) {
+    case 11: return cells_fixed<NB, 1, 1, V>(p, u, nr, nc, o);
+    case 12: return cells_fixed<NB, 1, 2, V>(p, u, nr, nc, o);
+    case 13: return cells_fixed<NB, 1, 3, V>(p, u, nr, nc, o);
+    case 21: return cells_fixed<NB, 2, 1, V>(p, u, nr, nc, o);
+    case 22: return cells_fixed<NB, 2, 2, V>(p, u, nr, nc, o);
+    case 23: return cells_fixed<NB, 2, 3, V>(p, u, nr, nc, o);
+    case 31: return cells_fixed<NB, 3, 1, V>(p, u, nr, nc, o);
+    case 32: return cells_fixed<NB, 3, 2, V>(p, u, nr, nc, o);
+    case 33: return cells_fixed<NB, 3, 3, V>(p, u, nr, nc, o);
+    case 41: return cells_rows<NB, 1, V>(p, u, nr, nc, o);
+    case 42: return cells_rows<NB, 2, V>(p, u, nr, nc, o);
+    case 43: return cells_rows<NB, 3, V>(p, u, nr, nc, o);
+    case 14: case 24: case 34: case 44: return cells_rows<NB, 4, V>(p, u, nr, nc, o);
+    case 15: case 25: case 35: case 45: return cells_rows<NB, 5, V>(p, u, nr, nc, o);
+    case 16: case 26: case 36: case 46: return cells_rows<NB, 6, V>(p, u, nr, nc, o);
+    case 17: case 27: case 37: case 47: return cells_rows<NB, 7, V>(p, u, nr, nc, o);
+    case 18: case 28: case 38: case 48: return cells_rows<NB, 8, V>(p, u, nr, nc, o);
+    case 19: case 29: case 39: case 49: return cells_pairs<V>(p, u, nr, nc, o);
+    default: return cells_empty(empty, u, o);
+  }
+}
+
+// ---- boxes --------------------------------------------------------------------
+
+// Bins per axis whose bounds a box keeps at once; larger grids are pooled in
+// tiles of k_tile x k_tile bins.
+constexpr int k_tile = 8;
+
+// One bin along one axis: the element offset of its first map row (column)
+// in a channel block, its number of rows (columns) and its size class
+// (row_class, col_class). An empty bin has offset 0, so no pointer leaves
+// the map.
+struct bin_span {
+  ptrdiff_t off;
+  int32_t n;
+  int32_t cls;
+};
+
+inline bin_span make_span(const box_bins& bb, bool rows, int p, int n_map, ptrdiff_t unit) {
+  int s, e;
+  bin_bounds(rows ? bb.start_h : bb.start_w, rows ? bb.bin_h : bb.bin_w, p, n_map, &s, &e);
+  const int n = e > s ? e - s : 0;
+  return bin_span{n ? s * unit : 0, n, rows ? row_class(n) : col_class(n)};
+}
+
+// Channel blocks per run. Runs are the outer loop: one run of the map
+// (k_block_run * fmap_h * fmap_w * 32 bytes) serves every box while it is
+// in cache. Cells are independent, so the order does not change any result.
+constexpr int k_block_run = 8;
+
+template <typename V>
+void pool_boxes(const uint16_t* proposal, const uint16_t* fmap, uint16_t* roi_result,
+                size_t box_stride, int roi_num, int pool_w, int pool_h, int fmap_scale,
+                int fmap_h, int fmap_w, int fmap_d, int first_run, int end_run, V empty) {
+  if (roi_num < 1) return;
   const int blocks = fmap_d / k_block;  // whole channel blocks only
   // fmap_scale < 1 would divide by zero or mirror the box: nothing is written.
-  if (blocks < 1 || pool_h < 1 || pool_w < 1 || fmap_scale < 1) return 0;
+  if (blocks < 1 || pool_h < 1 || pool_w < 1 || fmap_scale < 1) return;
   // A map without rows or columns makes every bin empty (the clamp gives
   // start = end); taking it as 0 keeps the block stride below meaningful.
   if (fmap_h < 0) fmap_h = 0;
   if (fmap_w < 0) fmap_w = 0;
+  // The blocks of runs [first_run, end_run).
+  const int runs = (blocks + k_block_run - 1) / k_block_run;
+  if (first_run < 0) first_run = 0;
+  if (end_run > runs) end_run = runs;
+  if (first_run >= end_run) return;
+  const int g_end = end_run * k_block_run < blocks ? end_run * k_block_run : blocks;
 
-  const size_t block_elems = static_cast<size_t>(fmap_h) * static_cast<size_t>(fmap_w) * k_block;
-  const size_t cell_elems = static_cast<size_t>(pool_h) * static_cast<size_t>(pool_w) * k_block;
-  const size_t box_elems = static_cast<size_t>(blocks) * cell_elems;
+  run u;
+  u.rs = static_cast<ptrdiff_t>(fmap_w) * k_block;
+  u.bs = static_cast<ptrdiff_t>(fmap_h) * u.rs;
+  u.os = static_cast<ptrdiff_t>(pool_h) * pool_w * k_block;
 
-  box_bins bins[k_box_group];
-  for (int first = 0; first < roi_num; first += k_box_group) {
-    const int n = roi_num - first < k_box_group ? roi_num - first : k_box_group;
-    for (int i = 0; i < n; ++i)
-      bins[i] = box_to_bins(proposal + static_cast<size_t>(first + i) * 4, fmap_scale, pool_w,
-                            pool_h);
-    for (int g = 0; g < blocks; ++g) {
-      const uint16_t* block = fmap + static_cast<size_t>(g) * block_elems;
-      uint16_t* out = roi_result + static_cast<size_t>(first) * box_elems +
-                      static_cast<size_t>(g) * cell_elems;
-      for (int i = 0; i < n; ++i, out += box_elems)
-        pool_block(bins[i], block, out, pool_w, pool_h, fmap_h, fmap_w, init);
+  bin_span rows[k_tile], cols[k_tile];
+  for (int g0 = first_run * k_block_run; g0 < g_end; g0 += k_block_run) {
+    u.nb = blocks - g0 < k_block_run ? blocks - g0 : k_block_run;
+    const uint16_t* map = fmap + static_cast<size_t>(g0) * static_cast<size_t>(u.bs);
+    for (int i = 0; i < roi_num; ++i) {
+      const box_bins bb =
+          box_to_bins(proposal + static_cast<size_t>(i) * 4, fmap_scale, pool_w, pool_h);
+      uint16_t* out = roi_result + static_cast<size_t>(i) * box_stride +
+                      static_cast<size_t>(g0) * static_cast<size_t>(u.os);
+      for (int ph0 = 0; ph0 < pool_h; ph0 += k_tile) {
+        const int th = pool_h - ph0 < k_tile ? pool_h - ph0 : k_tile;
+        for (int k = 0; k < th; ++k) rows[k] = make_span(bb, true, ph0 + k, fmap_h, u.rs);
+        for (int pw0 = 0; pw0 < pool_w; pw0 += k_tile) {
+          const int tw = pool_w - pw0 < k_tile ? pool_w - pw0 : k_tile;
+          for (int k = 0; k < tw; ++k) cols[k] = make_span(bb, false, pw0 + k, fmap_w, k_block);
+          for (int ph = 0; ph < th; ++ph) {
+            const bin_span& r = rows[ph];
+            uint16_t* o = out + (static_cast<size_t>(ph0 + ph) * pool_w + pw0) * k_block;
+            for (int pw = 0; pw < tw; ++pw, o += k_block) {
+              const bin_span& c = cols[pw];
+              const uint16_t* p = map + r.off + c.off;
+              if (u.nb == k_block_run)
+                pool_bin<k_block_run, V>(p, u, r.n, c.n, r.cls + c.cls, empty, o);
+              else
+                pool_bin<0, V>(p, u, r.n, c.n, r.cls + c.cls, empty, o);
+            }
+          }
+        }
+      }
     }
   }
-  return 0;
 }
 
 }  // namespace
+
+size_t roi_pool_box_elems(int pool_w, int pool_h, int fmap_d) {
+  if (pool_w < 1 || pool_h < 1 || fmap_d < k_block) return 0;
+  return static_cast<size_t>(fmap_d / k_block) * static_cast<size_t>(pool_h) *
+         static_cast<size_t>(pool_w) * k_block;
+}
+
+uint64_t roi_pool_box_work(const uint16_t* box, int pool_w, int pool_h, int fmap_scale, int fmap_h,
+                           int fmap_w) {
+  // Grids beyond 2^20 bins per side count as that many (the estimate only
+  // balances tasks), so the sums below stay far from 64 bits.
+  const int limit = 1 << 20;
+  if (pool_w < 1 || pool_h < 1 || fmap_scale < 1) return 1;
+  if (pool_w > limit) pool_w = limit;
+  if (pool_h > limit) pool_h = limit;
+  const box_bins bb = box_to_bins(box, fmap_scale, pool_w, pool_h);
+  uint64_t rows = 0, cols = 0;
+  int s, e;
+  for (int p = 0; p < pool_h; ++p) {
+    bin_bounds(bb.start_h, bb.bin_h, p, fmap_h > 0 ? fmap_h : 0, &s, &e);
+    rows += static_cast<uint64_t>(e > s ? e - s : 0);
+  }
+  for (int p = 0; p < pool_w; ++p) {
+    bin_bounds(bb.start_w, bb.bin_w, p, fmap_w > 0 ? fmap_w : 0, &s, &e);
+    cols += static_cast<uint64_t>(e > s ? e - s : 0);
+  }
+  // A cell costs about as much as four positions besides its positions.
+  if (rows > uint64_t(limit)) rows = limit;
+  if (cols > uint64_t(limit)) cols = limit;
+  return rows * cols + 4 * static_cast<uint64_t>(pool_h) * static_cast<uint64_t>(pool_w);
+}
+
+int roi_pool_runs(int fmap_d) {
+  return fmap_d < k_block ? 0 : (fmap_d / k_block + k_block_run - 1) / k_block_run;
+}
+
+void roi_pool_boxes(bool is_signed, const uint16_t* proposal, const uint16_t* fmap,
+                    uint16_t* roi_result, size_t box_stride, int roi_num, int pool_w, int pool_h,
+                    int fmap_scale, int fmap_h, int fmap_w, int fmap_d, int first_run,
+                    int end_run) {
+  if (is_signed)
+    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
+               fmap_w, fmap_d, first_run, end_run, i16x8{} + INT16_MIN);
+  else
+    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
+               fmap_w, fmap_d, first_run, end_run, u16x8{});
+}
+
 }  // namespace ol
 
 // pool_pitch and fmap_pitch are accepted and unused: the map and the output
@@ -220,16 +406,17 @@ int roi_pool(const uint16_t* proposal, const uint16_t* fmap, uint16_t* roi_resul
 int roi_pooling(half_float::half* proposal, unsigned short* fmap, unsigned short* roi_result,
                 int roi_num, int pool_w, int pool_h, int /*pool_pitch*/, int fmap_scale,
                 int /*fmap_pitch*/, int fmap_h, int fmap_w, int fmap_d) {
-  const ol::u16x8 empty = {0, 0, 0, 0, 0, 0, 0, 0};
-  return ol::roi_pool(ol::half_bits_ptr(proposal), fmap, roi_result, roi_num, pool_w, pool_h,
-                      fmap_scale, fmap_h, fmap_w, fmap_d, empty);
+  ol::roi_pool_boxes(false, ol::half_bits_ptr(proposal), fmap, roi_result,
+                     ol::roi_pool_box_elems(pool_w, pool_h, fmap_d), roi_num, pool_w, pool_h,
+                     fmap_scale, fmap_h, fmap_w, fmap_d, 0, INT_MAX);
+  return 0;
 }
 
 int roi_pooling_sign(half_float::half* proposal, unsigned short* fmap, unsigned short* roi_result,
                      int roi_num, int pool_w, int pool_h, int /*pool_pitch*/, int fmap_scale,
                      int /*fmap_pitch*/, int fmap_h, int fmap_w, int fmap_d) {
-  const int16_t m = INT16_MIN;
-  const ol::i16x8 empty = {m, m, m, m, m, m, m, m};
-  return ol::roi_pool(ol::half_bits_ptr(proposal), fmap, roi_result, roi_num, pool_w, pool_h,
-                      fmap_scale, fmap_h, fmap_w, fmap_d, empty);
+  ol::roi_pool_boxes(true, ol::half_bits_ptr(proposal), fmap, roi_result,
+                     ol::roi_pool_box_elems(pool_w, pool_h, fmap_d), roi_num, pool_w, pool_h,
+                     fmap_scale, fmap_h, fmap_w, fmap_d, 0, INT_MAX);
+  return 0;
 }

@@ -3,9 +3,11 @@
 // nothing else written.
 // ctest-labels: threaded
 #include <string.h>
+#include <unistd.h>
 
 #include <vector>
 
+#include "common/alloc.h"
 #include "common/test_util.h"
 #include "frcnn/head_stage.h"
 
@@ -19,8 +21,11 @@ const uint16_t k_poison = 0xA55A;
 // channels in 16-channel blocks, pooled to 7x7 at scale 16; the output has
 // room for one block more than n. Returns the stage's output and, in
 // *direct, the blocks made by direct calls of the operator, one box at a time.
+// accept > 0: the pool has queue nodes for `accept` tasks and the heap refuses
+// more, so the later tasks are refused; *printed gets what the stage printed.
 std::vector<uint16_t> run_stage(uint32_t n, uint32_t fmap_d, bool sign, uint32_t threads,
-                                std::vector<uint16_t>* direct) {
+                                std::vector<uint16_t>* direct, uint32_t accept = 0,
+                                std::string* printed = nullptr) {
   const uint32_t fmap_h = 19, fmap_w = 23, block = 7 * fmap_d * 7;
   ol_test::rng r(n * 100 + fmap_d + sign);
   std::vector<uint16_t> fmap(static_cast<size_t>((fmap_d + 15) / 16) * fmap_h * fmap_w * 16);
@@ -38,20 +43,30 @@ std::vector<uint16_t> run_stage(uint32_t n, uint32_t fmap_d, bool sign, uint32_t
                                             fmap_w, static_cast<int>(fmap_d));
   ol::thread_pool* pool = ol::thread_pool_create(threads);
   std::vector<uint16_t> out(direct->size(), k_poison);
+  const ol::alloc_hooks refuse = {[](size_t, void*) { return false; }, nullptr};
+  if (accept) {
+    ol::thread_pool_prepare(pool, accept);
+    ol::set_alloc_hooks(&refuse);
+  }
+  ol_test::stdout_capture cap;
+  alarm(30);  // a stage waiting for a task that never ran ends the program
   ol::frcnn_roi_pool(pool, rois.data(), fmap.data(), out.data(), n, fmap_d, fmap_h,
                      fmap_w, 99 /*fmap_pitch*/, 16, sign, 7, 7, 77 /*pool_pitch*/);
+  alarm(0);
+  ol::set_alloc_hooks(nullptr);
+  if (printed) *printed = cap.end();
   ol::thread_pool_destroy(pool);
   return out;
 }
 
 // Both operators, 1 and 4 workers, fewer ROIs than tasks and more (uneven
-// runs), channel counts that fill their last
-// 16-channel block or not (fmap_d 40: the last 8 * 49 elements of each
-// block stay untouched), and no ROI at all.
+// runs), channel counts that fill their last 16-channel block or not
+// (fmap_d 40: the last 8 * 49 elements of each block stay untouched), one
+// run of channel blocks or several (144, 272), and no ROI at all.
 TEST(FrcnnRoiPool, BlocksEqualDirectCallsForAnyThreadCount) {
   const struct { uint32_t n, fmap_d; bool sign; } cases[] = {
       {25, 32, false}, {25, 32, true}, {4, 40, true}, {5, 40, false}, {0, 16, false},
-      {131, 16, true}};
+      {131, 16, true}, {25, 272, true}, {9, 144, false}};
   for (const auto& c : cases)
     for (uint32_t threads : {1u, 4u}) {
       SCOPED_TRACE(testing::Message() << c.n << " " << c.fmap_d << " " << c.sign << " " << threads);
@@ -59,7 +74,7 @@ TEST(FrcnnRoiPool, BlocksEqualDirectCallsForAnyThreadCount) {
       const std::vector<uint16_t> out = run_stage(c.n, c.fmap_d, c.sign, threads, &direct);
       EXPECT_EQ(direct, out);
       for (size_t v = 0; v < out.size(); ++v) {
-        if (v % (49 * c.fmap_d) >= 49 * 32 || v >= 49 * c.fmap_d * c.n) {
+        if (v % (49 * c.fmap_d) >= 49 * (c.fmap_d / 16 * 16) || v >= 49 * c.fmap_d * c.n) {
           ASSERT_EQ(k_poison, out[v]) << v;
         }
       }
@@ -67,3 +82,27 @@ TEST(FrcnnRoiPool, BlocksEqualDirectCallsForAnyThreadCount) {
 }
 
 }  // namespace
+
+// Tasks after the third refused: a prefix of the ROIs is pooled, every later
+// ROI prints "fatal: add task fail" once and keeps its poisoned block (and
+// nothing waits for a task that never ran).
+TEST(FrcnnRoiPool, RefusedTasksLeaveExactlyTheirRoisUnwritten) {
+  for (uint32_t threads : {1u, 3u}) {
+    std::vector<uint16_t> direct;
+    std::string printed;
+    const uint32_t n = 40, block = 7 * 32 * 7;
+    const std::vector<uint16_t> out = run_stage(n, 32, false, threads, &direct, 3, &printed);
+    uint32_t done = 0;
+    while (done < n && std::equal(out.begin() + done * block, out.begin() + (done + 1) * block,
+                                  direct.begin() + done * block))
+      ++done;
+    EXPECT_GT(done, 0u);
+    EXPECT_LT(done, n);
+    for (size_t v = size_t(done) * block; v < out.size(); ++v) ASSERT_EQ(k_poison, out[v]) << v;
+    // Each refused task also says why, once.
+    size_t fails = 0;
+    for (size_t at = 0; (at = printed.find("fatal: add task fail\n", at)) != std::string::npos; ++at)
+      ++fails;
+    EXPECT_EQ(n - done, fails) << printed;
+  }
+}

@@ -49,21 +49,22 @@ void expect_same(bool is_signed, std::vector<uint16_t> boxes, map16& m, int roi_
 }
 
 // Random maps and boxes: inside, partly and wholly outside the map, reversed,
-// smaller than the bin grid, 40 channels (last 8 ignored). One case in three
+// smaller than the bin grid, 40 and 136 channels (last 8 ignored), runs of
+// 8 channel blocks and the remainders (up to 17 blocks), up to 40 boxes. One case in three
 // takes arbitrary half patterns as coordinates (NaN, infinities, +-65504,
 // huge negative): the result matches and nothing is read outside the map.
 TEST(RoiPooling, MatchesTwinOnRandomInputs) {
   ol_test::rng rng(7);
-  const int depths[] = {16, 32, 40, 48}, scales[] = {1, 4, 16};
+  const int depths[] = {16, 32, 40, 48, 136, 272}, scales[] = {1, 4, 16};
   const uint16_t unusual[] = {0x7C00, 0xFC00, 0x7E00, 0xFE01, 0x7BFF, 0xFBFF,
                               0x7800, 0xF800, 0x77FF, 0x0000, 0x8000, 0x3C00};
   for (int iter = 0; iter < 450; ++iter) {
     const bool odd_bits = iter % 3 == 2;
     const int side = odd_bits ? 6 : 12;
-    map16 m(rng.range(1, side), rng.range(1, side), depths[rng.range(0, 3)]);
+    map16 m(rng.range(1, side), rng.range(1, side), depths[rng.range(0, 5)]);
     for (auto& e : m.data) e = static_cast<uint16_t>(rng.next());
     const int scale = odd_bits ? rng.range(1, 20) : scales[rng.range(0, 2)];
-    const int roi_num = rng.range(1, 4);
+    const int roi_num = rng.range(1, iter % 9 == 4 ? 40 : 4);
     std::vector<uint16_t> boxes;
     for (int r = 0; r < roi_num * 4; ++r) {
       const int extent = (r % 2 == 0 ? m.fmap_w : m.fmap_h) * scale;
