@@ -27,19 +27,13 @@ inline float clamp(float v, float limit) {
 // multiply-adds per edge, rounded to float once, then clipped.
 inline void decode_box(const uint16_t* proposal, float dx, float dy, float dw, float dh,
                        uint32_t img_h, uint32_t img_w, float* out) {
-  float x1 = to_float(proposal[0]), y1 = to_float(proposal[1]);
-  float x2 = to_float(proposal[2]), y2 = to_float(proposal[3]);
-  float w = (x2 - x1) + 1.0f;
-  float h = (y2 - y1) + 1.0f;
-  float ew = expf(dw), eh = expf(dh);
-  double tx1 = fma(-0.5, (double)ew, (double)dx + 0.5);
-  double ty1 = fma(-0.5, (double)eh, (double)dy + 0.5);
-  double tx2 = fma(0.5, (double)ew, (double)dx + 0.5);
-  double ty2 = fma(0.5, (double)eh, (double)dy + 0.5);
-  out[0] = clamp((float)fma(tx1, (double)w, (double)x1), (float)img_w);
-  out[1] = clamp((float)fma(ty1, (double)h, (double)y1), (float)img_h);
-  out[2] = clamp((float)fma(tx2, (double)w, (double)x1), (float)img_w);
-  out[3] = clamp((float)fma(ty2, (double)h, (double)y1), (float)img_h);
+  for (int a = 0; a < 2; ++a) {  // x, then y
+    const float lo = to_float(proposal[a]), size = (to_float(proposal[a + 2]) - lo) + 1.0f;
+    const double d = (double)(a ? dy : dx) + 0.5, e = (double)expf(a ? dh : dw);
+    const float limit = (float)(a ? img_h : img_w);
+    out[a] = clamp((float)fma(fma(-0.5, e, d), (double)size, (double)lo), limit);
+    out[a + 2] = clamp((float)fma(fma(0.5, e, d), (double)size, (double)lo), limit);
+  }
 }
 
 // One delta set (four halves) by bbox_type 0 or 1, with optional factors.
