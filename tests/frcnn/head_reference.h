@@ -27,32 +27,22 @@ inline float clamp(float v, float limit) {
 // multiply-adds per edge, rounded to float once, then clipped.
 inline void decode_box(const uint16_t* proposal, float dx, float dy, float dw, float dh,
                        uint32_t img_h, uint32_t img_w, float* out) {
-  float x1 = to_float(proposal[0]), y1 = to_float(proposal[1]);
-  float x2 = to_float(proposal[2]), y2 = to_float(proposal[3]);
-  float w = (x2 - x1) + 1.0f;
-  float h = (y2 - y1) + 1.0f;
-  float ew = expf(dw), eh = expf(dh);
-  double tx1 = fma(-0.5, (double)ew, (double)dx + 0.5);
-  double ty1 = fma(-0.5, (double)eh, (double)dy + 0.5);
-  double tx2 = fma(0.5, (double)ew, (double)dx + 0.5);
-  double ty2 = fma(0.5, (double)eh, (double)dy + 0.5);
-  out[0] = clamp((float)fma(tx1, (double)w, (double)x1), (float)img_w);
-  out[1] = clamp((float)fma(ty1, (double)h, (double)y1), (float)img_h);
-  out[2] = clamp((float)fma(tx2, (double)w, (double)x1), (float)img_w);
-  out[3] = clamp((float)fma(ty2, (double)h, (double)y1), (float)img_h);
+  for (int a = 0; a < 2; ++a) {  // x, then y
+    const float lo = to_float(proposal[a]), size = (to_float(proposal[a + 2]) - lo) + 1.0f;
+    const double d = (double)(a ? dy : dx) + 0.5, e = (double)expf(a ? dh : dw);
+    const float limit = (float)(a ? img_h : img_w);
+    out[a] = clamp((float)fma(fma(-0.5, e, d), (double)size, (double)lo), limit);
+    out[a + 2] = clamp((float)fma(fma(0.5, e, d), (double)size, (double)lo), limit);
+  }
 }
 
 // One delta set (four halves) by bbox_type 0 or 1, with optional factors.
 inline void decode_set(const uint16_t* proposal, const uint16_t* e, uint32_t img_h,
                        uint32_t img_w, uint32_t bbox_type, const float* scale, float* out) {
-  float dx, dy, dw, dh;
-  if (bbox_type == 0) {
-    dx = to_float(e[0]); dy = to_float(e[1]); dw = to_float(e[2]); dh = to_float(e[3]);
-  } else {
-    dy = to_float(e[0]); dx = to_float(e[1]); dh = to_float(e[2]); dw = to_float(e[3]);
-  }
+  const int t = bbox_type == 0 ? 0 : 1;  // type 1 holds dy, dx, dh, dw
+  float dx = to_float(e[t]), dy = to_float(e[1 - t]), dw = to_float(e[2 + t]), dh = to_float(e[3 - t]);
   if (scale) {
-    dx = dx * scale[0]; dy = dy * scale[1]; dw = dw * scale[2]; dh = dh * scale[3];
+    dx *= scale[0]; dy *= scale[1]; dw *= scale[2]; dh *= scale[3];
   }
   decode_box(proposal, dx, dy, dw, dh, img_h, img_w, out);
 }
@@ -74,7 +64,7 @@ inline int bbox_decode(const uint16_t* proposal, const uint16_t* deltas, float* 
 }
 
 struct cand {
-  float x1, y1, x2, y2, score;
+  float v[5];  // x1 y1 x2 y2 score
   uint16_t bits[5];
 };
 
@@ -82,10 +72,8 @@ inline float fmax_a(float p, float q) { return p > q ? p : q; }
 inline float fmin_a(float p, float q) { return p < q ? p : q; }
 
 inline float iou(const cand& a, float area_a, const cand& b, float area_b) {
-  float xx1 = fmax_a(a.x1, b.x1), yy1 = fmax_a(a.y1, b.y1);
-  float xx2 = fmin_a(a.x2, b.x2), yy2 = fmin_a(a.y2, b.y2);
-  float iw = fmax_a(0.0f, (xx2 - xx1) + 1.0f);
-  float ih = fmax_a(0.0f, (yy2 - yy1) + 1.0f);
+  float iw = fmax_a(0.0f, (fmin_a(a.v[2], b.v[2]) - fmax_a(a.v[0], b.v[0])) + 1.0f);
+  float ih = fmax_a(0.0f, (fmin_a(a.v[3], b.v[3]) - fmax_a(a.v[1], b.v[1])) + 1.0f);
   float inter = iw * ih;
   return inter / ((area_a + area_b) - inter);
 }
@@ -103,22 +91,19 @@ inline void class_nms(uint16_t* rcnn_result, uint16_t* class_dets, const float* 
     std::vector<int32_t> order(n);
     for (uint32_t i = 0; i < n; ++i) {
       const float* b = rcnn_boxes + 4 * ((size_t)i * class_num + slot);
-      for (int k = 0; k < 4; ++k) cands[i].bits[k] = from_float_round(b[k]);
-      cands[i].bits[4] = rcnn_cls[(size_t)i * pitch + c];
-      cands[i].x1 = to_float(cands[i].bits[0]);
-      cands[i].y1 = to_float(cands[i].bits[1]);
-      cands[i].x2 = to_float(cands[i].bits[2]);
-      cands[i].y2 = to_float(cands[i].bits[3]);
-      cands[i].score = to_float(cands[i].bits[4]);
-      double w = (double)(cands[i].x2 - cands[i].x1) + 1.0;
-      double h = (double)(cands[i].y2 - cands[i].y1) + 1.0;
+      for (int k = 0; k < 5; ++k) {
+        cands[i].bits[k] = k < 4 ? from_float_round(b[k]) : rcnn_cls[(size_t)i * pitch + c];
+        cands[i].v[k] = to_float(cands[i].bits[k]);
+      }
+      double w = (double)(cands[i].v[2] - cands[i].v[0]) + 1.0;
+      double h = (double)(cands[i].v[3] - cands[i].v[1]) + 1.0;
       area[i] = (float)(w * h);
       order[i] = (int32_t)i;
     }
     for (uint32_t p = 0; p + 1 < n; ++p) {
       uint32_t q = p;
       for (uint32_t j = p + 1; j < n; ++j)
-        if (cands[order[q]].score < cands[order[j]].score) q = j;
+        if (cands[order[q]].v[4] < cands[order[j]].v[4]) q = j;
       int32_t t = order[p]; order[p] = order[q]; order[q] = t;
     }
     uint32_t pos = 0, count = 0;
@@ -126,7 +111,7 @@ inline void class_nms(uint16_t* rcnn_result, uint16_t* class_dets, const float* 
     uint16_t* dets = class_dets + 5 * ((size_t)post_nms_num * c);
     while (remaining > 0 && count < post_nms_num) {
       int32_t h = order[pos];
-      if (cands[h].score <= cls_prob) break;
+      if (cands[h].v[4] <= cls_prob) break;
       memcpy(dets + 5 * count, cands[h].bits, 10);
       ++count;
       if (remaining > 1) {

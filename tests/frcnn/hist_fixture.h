@@ -1,15 +1,11 @@
-// Histogram tables set up the way init sets them up: the bucket map
-// allocated uninitialised and then zeroed, lists, counts and the occupancy
-// bitmap zeroed, the visiting order built, K row nodes pushed on the free
-// list with their links cleared, then hist_reset. The tables start out
-// zeroed (free list and cursor included).
+// Histogram tables set up the way init sets them up: zeroed bucket map,
+// lists, counts and occupancy bitmap, the visiting order built, K row nodes
+// pushed on the free list with their links cleared, then hist_reset.
 #ifndef OL_TESTS_FRCNN_HIST_FIXTURE_H
 #define OL_TESTS_FRCNN_HIST_FIXTURE_H
 
 #include <stdint.h>
-#include <stdio.h>
 #include <stdlib.h>
-#include <string.h>
 
 #include <initializer_list>
 
@@ -22,18 +18,19 @@ class hist_fixture {
  public:
   explicit hist_fixture(uint32_t K = 0) {
     constexpr size_t n = ol::k_hist_buckets;
-    t.map = must<uint32_t>(ol::ol_malloc(n * ol::k_hist_inline * 4));
-    t.list = must<ol::hist_bucket>(ol::ol_calloc(n, sizeof(ol::hist_bucket)));
+    t.map = static_cast<uint32_t*>(ol::ol_calloc(n * ol::k_hist_inline, 4));
+    t.list = static_cast<ol::hist_bucket*>(ol::ol_calloc(n, sizeof(ol::hist_bucket)));
+    t.num = static_cast<uint32_t*>(ol::ol_calloc(n, 4));
+    t.sort = static_cast<uint16_t*>(ol::ol_calloc(n, 2));
+    t.occupied = static_cast<uint64_t*>(ol::ol_calloc(n / 64, 8));
     for (uint32_t i = 0; i < K; ++i) {
-      auto* node = must<ol::hist_row_node>(ol::ol_malloc(ol::k_hist_node_bytes));
+      auto* node = static_cast<ol::hist_row_node*>(ol::ol_malloc(ol::k_hist_node_bytes));
+      if (node == nullptr) abort();
       node->next = t.free_nodes;
       t.free_nodes = node;
     }
-    t.num = must<uint32_t>(ol::ol_calloc(n, 4));
-    t.sort = must<uint16_t>(ol::ol_calloc(n, 2));
-    t.occupied = must<uint64_t>(ol::ol_calloc(n / 64, 8));
+    if (!t.map || !t.list || !t.num || !t.sort || !t.occupied) abort();
     ol::hist_build_order(t.sort, ol::k_hist_buckets);
-    memset(t.map, 0, n * ol::k_hist_inline * 4);
     ol::hist_reset(&t);
   }
   ~hist_fixture() {
@@ -44,29 +41,15 @@ class hist_fixture {
   hist_fixture(const hist_fixture&) = delete;
   hist_fixture& operator=(const hist_fixture&) = delete;
 
-  uint32_t free_count() const {
-    uint32_t n = 0;
-    for (const ol::hist_row_node* p = t.free_nodes; p; p = p->next) ++n;
-    return n;
-  }
+  static uint32_t length(const ol::hist_row_node* p) { return p ? 1 + length(p->next) : 0; }
+  uint32_t free_count() const { return length(t.free_nodes); }
   uint32_t chained_count() const {
     uint32_t n = 0;
-    for (uint32_t k = 0; k < ol::k_hist_buckets; ++k)
-      for (const ol::hist_row_node* p = t.list[k].head; p; p = p->next) ++n;
+    for (uint32_t k = 0; k < ol::k_hist_buckets; ++k) n += length(t.list[k].head);
     return n;
   }
 
   ol::hist_tables t{};
-
- private:
-  template <class T>
-  static T* must(void* p) {
-    if (p == nullptr) {
-      fprintf(stderr, "hist_fixture: out of memory\n");
-      abort();
-    }
-    return static_cast<T*>(p);
-  }
 };
 
 }  // namespace ol_test

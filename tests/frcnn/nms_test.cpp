@@ -6,6 +6,7 @@
 #include <stdlib.h>
 
 #include <algorithm>
+#include <array>
 #include <vector>
 
 #include "common/alloc.h"
@@ -31,19 +32,14 @@ std::vector<uint16_t> make_boxes(ol_test::rng& rng, int n, int clusters, bool un
                           float(y1 + rng.range(-1, 9)), 0.5f};
     for (float x : rec) v.push_back(h(x));
   }
-  std::vector<float> cx(clusters), cy(clusters), cw(clusters), chh(clusters);
-  for (int k = 0; k < clusters; ++k) {
-    cx[k] = rng.uniform(0, 900);
-    cy[k] = rng.uniform(0, 500);
-    cw[k] = rng.uniform(8, 300);
-    chh[k] = rng.uniform(8, 300);
-  }
+  std::vector<std::array<float, 4>> cl(clusters);  // x, y, w, h
+  for (auto& c : cl) c = {rng.uniform(0, 900), rng.uniform(0, 500), rng.uniform(8, 300), rng.uniform(8, 300)};
   const uint16_t odd[] = {0x7E00, 0xFE00, 0x7C00, 0xFC00, 0x7BFF, 0xFBFF};
   for (int i = 0; clusters > 0 && i < n; ++i) {
-    const int k = rng.range(0, clusters - 1);
+    const auto& c = cl[rng.range(0, clusters - 1)];
     const float j = 0.15f;
-    const float x1 = cx[k] + rng.uniform(-j, j) * cw[k], y1 = cy[k] + rng.uniform(-j, j) * chh[k];
-    const float x2 = x1 + cw[k] * rng.uniform(1 - j, 1 + j), y2 = y1 + chh[k] * rng.uniform(1 - j, 1 + j);
+    const float x1 = c[0] + rng.uniform(-j, j) * c[2], y1 = c[1] + rng.uniform(-j, j) * c[3];
+    const float x2 = x1 + c[2] * rng.uniform(1 - j, 1 + j), y2 = y1 + c[3] * rng.uniform(1 - j, 1 + j);
     uint16_t rec[5] = {h(x1), h(y1), h(x2), h(y2), h(rng.uniform(0, 1))};
     if (unusual) {
       const uint32_t r = rng.next() % 64;
@@ -177,13 +173,13 @@ TEST(Nms, EmptyCallsWriteNothing) {
   std::vector<uint16_t> in(10, h(5.0f));
   // 40000 is negative as a 16-bit count; -40000 has low 16 bits that read as
   // a positive count (found by fuzzing: boxes never given were written).
-  for (auto c : {std::make_pair(0, 4), std::make_pair(-1, 4), std::make_pair(2, 0), std::make_pair(2, -5),
-                 std::make_pair(-70000, 4), std::make_pair(40000, 4), std::make_pair(-40000, 4),
-                 std::make_pair(INT32_MIN, 4)}) {
+  const int cases[][2] = {{0, 4},      {-1, 4},    {2, 0},      {2, -5},
+                          {-70000, 4}, {40000, 4}, {-40000, 4}, {INT32_MIN, 4}};
+  for (const auto& c : cases) {
     std::vector<uint16_t> out(16, k_poison);
-    EXPECT_EQ(0, call_nms(out.data(), in.data(), c.first, 0.5f, c.second));
-    EXPECT_EQ(0, call_kernel(out.data(), in.data(), c.first, 0.5f, c.second));
-    for (uint16_t e : out) ASSERT_EQ(k_poison, e);
+    EXPECT_EQ(0, call_nms(out.data(), in.data(), c[0], 0.5f, c[1]));
+    EXPECT_EQ(0, call_kernel(out.data(), in.data(), c[0], 0.5f, c[1]));
+    EXPECT_EQ(out, std::vector<uint16_t>(16, k_poison));
   }
 }
 

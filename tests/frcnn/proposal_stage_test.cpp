@@ -36,18 +36,13 @@ std::vector<candidate> reference_candidates(const frcnn_desc& d, const std::vect
     for (uint32_t y = 0; y < H; ++y)
       for (uint32_t x = 0; x < W; ++x) {
         const size_t at = static_cast<size_t>(y) * d.rpn_cls_pitch + x;
-        uint16_t s;
-        if (d.is_rpn_cls_fg_minus_bg) {
-          const float diff = oh::to_float(cls[(2 * a + 1) * plane + at]) -
-                             oh::to_float(cls[2 * a * plane + at]);
-          s = oh::from_float_trunc(diff);
-        } else if (d.is_rpn_cls_fg_only) {
-          s = cls[a * plane + at];
-        } else {
-          s = cls[(A + a) * plane + at];
-        }
-        const float sv = oh::to_float(s), tv = oh::to_float(T);
-        if (!d.is_filter_rpn_cls || sv > tv) out.push_back({s, (a * H + y) * W + x});
+        const uint16_t s =
+            d.is_rpn_cls_fg_minus_bg
+                ? oh::from_float_trunc(oh::to_float(cls[(2 * a + 1) * plane + at]) -
+                                       oh::to_float(cls[2 * a * plane + at]))
+                : cls[(d.is_rpn_cls_fg_only ? a : A + a) * plane + at];
+        if (!d.is_filter_rpn_cls || oh::to_float(s) > oh::to_float(T))
+          out.push_back({s, (a * H + y) * W + x});
       }
   return out;
 }

@@ -166,32 +166,19 @@ inline void crop_box(const map16& m, float sx, float sy, float extr, const float
   }
 }
 
-// A random box: inside the map, across an edge, far outside, degenerate or
-// reversed, in units of `unit` pixels per cell.
+// A random box: inside the map, across an edge, far outside, reversed,
+// degenerate or the whole image; x first, then y.
 inline void random_box(ol_test::rng& g, float img_w, float img_h, float* b) {
-  switch (g.range(0, 5)) {
-    case 0:  // inside
-      b[0] = g.uniform(0, img_w), b[2] = g.uniform(b[0], img_w);
-      b[1] = g.uniform(0, img_h), b[3] = g.uniform(b[1], img_h);
-      break;
-    case 1:  // across the edges
-      b[0] = g.uniform(-img_w / 2, img_w), b[2] = b[0] + g.uniform(0, img_w);
-      b[1] = g.uniform(-img_h / 2, img_h), b[3] = b[1] + g.uniform(0, img_h);
-      break;
-    case 2:  // far outside
-      b[0] = g.uniform(-3 * img_w, 3 * img_w), b[2] = b[0] + g.uniform(0, 2 * img_w);
-      b[1] = g.uniform(-3 * img_h, 3 * img_h), b[3] = b[1] + g.uniform(0, 2 * img_h);
-      break;
-    case 3:  // reversed
-      b[0] = g.uniform(0, img_w), b[2] = b[0] - g.uniform(0, img_w / 2);
-      b[1] = g.uniform(0, img_h), b[3] = b[1] - g.uniform(0, img_h / 2);
-      break;
-    case 4:  // zero size, integer corners
-      b[0] = b[2] = float(g.range(0, int(img_w)));
-      b[1] = b[3] = float(g.range(0, int(img_h)));
-      break;
-    default:  // whole image
-      b[0] = 0, b[1] = 0, b[2] = img_w, b[3] = img_h;
+  const int kind = g.range(0, 5);
+  for (int a = 0; a < 2; ++a) {
+    const float n = a ? img_h : img_w;
+    float &lo = b[a], &hi = b[a + 2];
+    if (kind == 0) lo = g.uniform(0, n), hi = g.uniform(lo, n);
+    if (kind == 1) lo = g.uniform(-n / 2, n), hi = lo + g.uniform(0, n);
+    if (kind == 2) lo = g.uniform(-3 * n, 3 * n), hi = lo + g.uniform(0, 2 * n);
+    if (kind == 3) lo = g.uniform(0, n), hi = lo - g.uniform(0, n / 2);
+    if (kind == 4) lo = hi = float(g.range(0, int(n)));  // zero size, integer corners
+    if (kind == 5) lo = 0, hi = n;
   }
 }
 

@@ -34,16 +34,9 @@ struct ps_case {
   }
 };
 
-// Variants of the bin arithmetic one rounding away from the exact one, to
-// prove that the near-integer cases would catch such a slip: the height fused,
-// the width or offset unfused, a bin bound unfused or with the shift inside
-// its fma. (The centre's fma by 0.5 is exact, and the double end of the
-// scaled box rounds like the float product below 2^24: not told apart.)
-enum class arith { exact, h_fma, w_nofma, off_nofma, lo_nofma, hi_nofma, lo_fma, hi_fma, count };
-
 // Bin bounds {hs, he, ws, we} ([hs, he) x [ws, we)) of every bin of every
 // box, box by box, bin-row major; empty bins are all {0, 0, 0, 0}.
-std::vector<std::array<int, 4>> bounds(const ps_case& c, arith v = arith::exact) {
+std::vector<std::array<int, 4>> bounds(const ps_case& c) {
   std::vector<std::array<int, 4>> out;
   for (int r = 0; r < c.roi_num(); ++r) {
     auto clamp = [](float x, int limit) {
@@ -54,10 +47,8 @@ std::vector<std::array<int, 4>> bounds(const ps_case& c, arith v = arith::exact)
     float start_w, start_h, width, height, off_w = 0, off_h = 0;
     if (!c.scaled) {
       start_w = s * roundf(b[0]), start_h = s * roundf(b[1]);
-      width = v == arith::w_nofma ? s * (roundf(b[2]) + 1) - start_w
-                                  : fmaf(s, roundf(b[2]) + 1, -start_w);
-      height = v == arith::h_fma ? fmaf(roundf(b[3]) + 1, s, -start_h)
-                                 : (roundf(b[3]) + 1) * s - start_h;
+      width = fmaf(s, roundf(b[2]) + 1, -start_w);
+      height = (roundf(b[3]) + 1) * s - start_h;
     } else {
       const float a = (b[2] - b[0]) * c.roi_scale * 0.5f, bb = (b[3] - b[1]) * c.roi_scale * 0.5f;
       const float X1 = fmaf(b[0] + b[2], 0.5f, -a), X2 = fmaf(b[0] + b[2], 0.5f, a);
@@ -69,17 +60,14 @@ std::vector<std::array<int, 4>> bounds(const ps_case& c, arith v = arith::exact)
     const float bin_w = std::max(width, 0.1f) / float(c.group);
     const float bin_h = std::max(height, 0.1f) / float(c.group);
     if (c.scaled) {
-      const bool fused = v != arith::off_nofma;
-      off_w = (fused ? fmaf(c.shift, bin_w, -bin_w) : c.shift * bin_w - bin_w) * 0.5f;
-      off_h = (fused ? fmaf(c.shift, bin_h, -bin_h) : c.shift * bin_h - bin_h) * 0.5f;
+      off_w = fmaf(c.shift, bin_w, -bin_w) * 0.5f;
+      off_h = fmaf(c.shift, bin_h, -bin_h) * 0.5f;
     }
     // floor (lo) or ceil (hi) of bin * t + start - off, clamped; bin i spans
     // t = i * stride .. i * stride + 1 (plain cases keep stride 1, off 0).
     auto bound = [&](float bin, int i, bool hi, float start, float off, int limit) {
       const float t = float(i) * c.stride + (hi ? 1.0f : 0.0f);
-      float x = fmaf(bin, t, start) - off;
-      if (v == (hi ? arith::hi_nofma : arith::lo_nofma)) x = bin * t + start - off;
-      if (v == (hi ? arith::hi_fma : arith::lo_fma)) x = fmaf(bin, t, start - off);
+      const float x = fmaf(bin, t, start) - off;
       return clamp(hi ? ceilf(x) : floorf(x), limit);
     };
     for (int ph = 0; ph < c.group; ++ph)
@@ -189,16 +177,14 @@ TEST(PsRoiPooling, MatchesReferenceOnRandomCases) {
 
 TEST(PsRoiPooling, NearIntegerBoundsPinTheRounding) {
   // Scales like 1/3 or 0.1 with integer or half boxes put bin bounds on or
-  // next to integers. Run are the candidates where some variant of the
-  // arithmetic moves a bound (a few per variant) and every 40th; each
-  // variant must have been caught.
+  // next to integers, where one rounding more or less (an fma split or
+  // fused, the shift inside or outside it) moves a bound.
   rng g(43);
   const float scales[] = {0.1f, 1.0f / 3, 0.2f, 1.0f / 7, 1.0f / 6, 0.3f, 0.7f, 0.9f};
   const float roi_scales[] = {0.5f, 0.75f, 1.0f, 1.25f, 1.5f, 2.0f, 1.1f};
   const float shifts[] = {0.0f, 0.5f, 1.5f, 2.0f, 3.0f, 1.1f, 0.7f};
   const float strides[] = {0.5f, 1.0f, 1.5f, 2.0f, 0.9f};
-  int caught[int(arith::count)][2] = {};  // per variant, plain / scaled
-  for (int iter = 0; iter < 20000; ++iter) {
+  for (int iter = 0; iter < 3000; ++iter) {
     ps_case c;
     c.fmap_w = g.range(4, 14), c.fmap_h = g.range(4, 14), c.group = g.range(1, 4);
     c.out_channels = iter % 3 ? 21 : 2, c.fmap_pitch = c.out_channels, c.out_pitch = 24;
@@ -212,18 +198,9 @@ TEST(PsRoiPooling, NearIntegerBoundsPinTheRounding) {
       const float x1 = 0.5f * g.range(-4, 2 * lim), y1 = 0.5f * g.range(-4, 2 * lim);
       c.boxes.insert(c.boxes.end(), {x1, y1, x1 + g.range(0, lim), y1 + g.range(0, lim)});
     }
-    bool run = iter % 40 == 0;
-    for (int v = 1; v < int(arith::count); ++v)
-      if (bounds(c, arith(v)) != bounds(c) && caught[v][c.scaled] < 4)
-        ++caught[v][c.scaled], run = true;
-    if (!run) continue;
     c.fill(g, -1, 1);
     check_case(c, "near-integer " + std::to_string(iter));
   }
-  for (arith v : {arith::h_fma, arith::w_nofma, arith::lo_nofma, arith::hi_nofma})
-    EXPECT_GT(caught[int(v)][0], 0) << "plain, variant " << int(v);
-  for (arith v : {arith::off_nofma, arith::lo_nofma, arith::hi_nofma, arith::lo_fma, arith::hi_fma})
-    EXPECT_GT(caught[int(v)][1], 0) << "scaled, variant " << int(v);
 }
 
 TEST(PsRoiPooling, FixedBoxes) {

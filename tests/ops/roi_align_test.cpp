@@ -2,6 +2,7 @@
 // roi_align_four_fmap_int16, crop_and_resize_fmap_int16) against the plain
 // reference on both kernels, values pinned independently of it, bad input and
 // degenerate maps.
+#include <functional>
 #include <limits>
 #include <string>
 #include <utility>
@@ -18,36 +19,39 @@ namespace {
 using ol::bilinear_kernel;
 using ol_test::format;
 using ol_test::rng;
-using ol_test::stdout_capture;
 
 constexpr short kPoison = 0x5A5A;
 constexpr size_t kGuard = 64;  // poisoned elements after the expected output
 const float kNan = std::numeric_limits<float>::quiet_NaN();
 const float kInf = std::numeric_limits<float>::infinity();
 
-// fn(kernel, args..., out) must return 0 on both kernels and give `want`
-// (which ends in kGuard poisoned elements) in a poisoned buffer.
+// fn(kernel, args..., out) must return 0 on both kernels (and the x86-64
+// baseline ones), print want_text and give `want` (which ends in kGuard
+// poisoned elements) in a poisoned buffer.
 template <class Fn, class... Args>
-void expect_kernels(const std::vector<short>& want, const std::string& what, Fn fn, Args... args) {
-  for (bool baseline : {true, false}) {  // the x86-64 baseline kernel as well
+void expect_kernels(const std::vector<short>& want, const std::string& want_text, Fn fn,
+                    Args... args) {
+  for (bool baseline : {true, false}) {
     ol::cpu_force_baseline = baseline;
     for (bilinear_kernel k : {bilinear_kernel::vector, bilinear_kernel::scalar}) {
       std::vector<short> got(want.size(), kPoison);
-      ASSERT_EQ(fn(k, args..., got.data()), 0) << what;
-      for (size_t i = 0; i < got.size(); ++i)
-        ASSERT_EQ(got[i], want[i]) << what << " kernel " << int(k) << " element " << i;
+      int ret = -1;
+      ASSERT_EQ(ol_test::printed([&] { ret = fn(k, args..., got.data()); }), want_text);
+      ASSERT_EQ(ret, 0);
+      ASSERT_EQ(got, want) << "kernel " << int(k) << " baseline " << baseline;
     }
   }
 }
 
 void check_align(ref::map16& m, unsigned s, std::vector<float>& boxes, unsigned pw, unsigned ph,
                  const std::string& what) {
+  SCOPED_TRACE(what);
   const unsigned n = unsigned(boxes.size() / 4);
   const size_t per_box = size_t(pw) * ph * m.c;
   std::vector<short> want(per_box * n + kGuard, kPoison);
   for (unsigned b = 0; b < n; ++b)
     ref::roi_align_box(m, s, &boxes[4 * b], pw, ph, &want[b * per_box]);
-  expect_kernels(want, what, ol::roi_align_fmap_int16_with, m.data(), s, boxes.data(), n, m.w, m.h,
+  expect_kernels(want, "", ol::roi_align_fmap_int16_with, m.data(), s, boxes.data(), n, m.w, m.h,
                  pw, ph, m.c);
 }
 
@@ -170,7 +174,7 @@ TEST(RoiAlign, FourLevelsMatchTheSelectedMap) {
     const unsigned k = ref::level(&boxes[4 * b]);
     ref::roi_align_box(lv[k], scales[k], &boxes[4 * b], pw, ph, &want[b * per_box]);
   }
-  expect_kernels(want, "four levels", four_levels, maps, scales, boxes.data(), n, img_w, img_h, pw,
+  expect_kernels(want, "", four_levels, maps, scales, boxes.data(), n, img_w, img_h, pw,
                  ph, c);
 
   // A level whose map has no column (stride above the image width): the
@@ -182,55 +186,63 @@ TEST(RoiAlign, FourLevelsMatchTheSelectedMap) {
   want.assign(2 * 4 * 16 + kGuard, kPoison);
   std::fill(want.begin(), want.begin() + 64, 7);
   std::fill(want.begin() + 64, want.begin() + 128, 0);
-  expect_kernels(want, "empty level", four_levels, small, small_scales, big.data(), 2u, 40u, 40u,
+  expect_kernels(want, "", four_levels, small, small_scales, big.data(), 2u, 40u, 40u,
                  2u, 2u, 16u);
 }
 
-TEST(RoiAlign, BadInputIsRefusedWithNothingWritten) {
+// Every refusal of the three operators: -1 and the message byte for byte;
+// no boxes: 0 and nothing printed, but the checks still run first. Nothing
+// is ever written.
+TEST(Bilinear, BadInputIsRefusedWithNothingWritten) {
   std::vector<short> map(16 * 4, 1), out(16 + kGuard, kPoison);
   std::vector<float> box = {0, 0, 4, 4};
-  short *m = map.data(), *o = out.data();
+  short *m = map.data(), *o = out.data(), *maps[3] = {m, m, m}, *no_map[3] = {m, nullptr, m};
   float* b = box.data();
   void *nul = nullptr, *vm = m, *vo = o, *vb = b;
-  short* maps[3] = {m, m, m};
-  unsigned scales[3] = {8, 16, 32};
-  using res = std::pair<int, std::string>;
+  unsigned scales[3] = {8, 16, 32}, zero_scale[3] = {8, 16, 0};
   auto one = [&](short* fm, unsigned s, float* bx, unsigned n, short* ro, unsigned ch) {
-    ol_test::stdout_capture cap;
-    const int r = roi_align_fmap_int16(fm, s, bx, n, 2, 2, 1, 1, ch, ro);
-    return res{r, cap.end()};
+    return roi_align_fmap_int16(fm, s, bx, n, 2, 2, 1, 1, ch, ro);
   };
   auto four = [&](short** fm, unsigned* s, float* bx, unsigned n, short* ro, unsigned ch) {
-    ol_test::stdout_capture cap;
-    const int r = roi_align_four_fmap_int16(fm, s, bx, n, 32, 32, 1, 1, ch, ro);
-    return res{r, cap.end()};
+    return roi_align_four_fmap_int16(fm, s, bx, n, 32, 32, 1, 1, ch, ro);
+  };
+  auto crop = [&](short* fm, float* bx, unsigned n, short* ro, unsigned ch) {
+    return crop_and_resize_fmap_int16(fm, 1, 1, 0, bx, n, 2, 2, 1, 1, ch, ro);
   };
   const std::string bad_ptr = "Invalid proposal or roi_result: %p, %p\n";
   const std::string bad_ch = "Invalid channel: %u, should be multiple 16\n";
-  EXPECT_EQ(one(nullptr, 16, b, 1, o, 16), res(-1, format("Invalid FMap pointer: %p\n", nul)));
-  EXPECT_EQ(one(m, 0, b, 1, o, 16), res(-1, "Invalid FMap scale: 0\n"));
-  EXPECT_EQ(one(m, 16, nullptr, 1, o, 16), res(-1, format(bad_ptr.c_str(), nul, vo)));
-  EXPECT_EQ(one(m, 16, b, 1, nullptr, 16), res(-1, format(bad_ptr.c_str(), vb, nul)));
-  for (unsigned ch : {0u, 8u, 24u})
-    EXPECT_EQ(one(m, 16, b, 1, o, ch), res(-1, format(bad_ch.c_str(), ch)));
-  // No boxes: success with nothing written, but the checks still run first.
-  EXPECT_EQ(one(m, 16, b, 0, o, 16), res(0, ""));
-  EXPECT_EQ(one(m, 16, b, 0, nullptr, 16), res(-1, format(bad_ptr.c_str(), vb, nul)));
-
-  maps[1] = nullptr;
-  EXPECT_EQ(four(maps, scales, b, 1, o, 16),
-            res(-1, format("Invalid FMap pointer: %p, %p, %p\n", vm, nul, vm)));
-  EXPECT_EQ(four(nullptr, scales, b, 1, o, 16),
-            res(-1, format("Invalid FMap pointer: %p, %p, %p\n", nul, nul, nul)));
-  maps[1] = m;
-  scales[2] = 0;
-  EXPECT_EQ(four(maps, scales, b, 1, o, 16), res(-1, "Invalid FMap scale: 8, 16, 0\n"));
-  EXPECT_EQ(four(maps, nullptr, b, 1, o, 16), res(-1, "Invalid FMap scale: 0, 0, 0\n"));
-  scales[2] = 32;
-  EXPECT_EQ(four(maps, scales, b, 1, o, 8), res(-1, format(bad_ch.c_str(), 8u)));
-  EXPECT_EQ(four(maps, scales, nullptr, 1, o, 16), res(-1, format(bad_ptr.c_str(), nul, vo)));
-  EXPECT_EQ(four(maps, scales, b, 0, o, 16), res(0, ""));
-  for (size_t i = 0; i < out.size(); ++i) ASSERT_EQ(out[i], kPoison) << i;
+  const struct {
+    std::function<int()> call;
+    std::string want;
+  } cases[] = {
+      {[&] { return one(nullptr, 16, b, 1, o, 16); }, format("Invalid FMap pointer: %p\n", nul)},
+      {[&] { return one(m, 0, b, 1, o, 16); }, "Invalid FMap scale: 0\n"},
+      {[&] { return one(m, 16, nullptr, 1, o, 16); }, format(bad_ptr.c_str(), nul, vo)},
+      {[&] { return one(m, 16, b, 1, nullptr, 16); }, format(bad_ptr.c_str(), vb, nul)},
+      {[&] { return one(m, 16, b, 1, o, 0); }, format(bad_ch.c_str(), 0u)},
+      {[&] { return one(m, 16, b, 1, o, 24); }, format(bad_ch.c_str(), 24u)},
+      {[&] { return one(m, 16, b, 0, o, 16); }, ""},
+      {[&] { return one(m, 16, b, 0, nullptr, 16); }, format(bad_ptr.c_str(), vb, nul)},
+      {[&] { return four(no_map, scales, b, 1, o, 16); },
+       format("Invalid FMap pointer: %p, %p, %p\n", vm, nul, vm)},
+      {[&] { return four(nullptr, scales, b, 1, o, 16); },
+       format("Invalid FMap pointer: %p, %p, %p\n", nul, nul, nul)},
+      {[&] { return four(maps, zero_scale, b, 1, o, 16); }, "Invalid FMap scale: 8, 16, 0\n"},
+      {[&] { return four(maps, nullptr, b, 1, o, 16); }, "Invalid FMap scale: 0, 0, 0\n"},
+      {[&] { return four(maps, scales, b, 1, o, 8); }, format(bad_ch.c_str(), 8u)},
+      {[&] { return four(maps, scales, nullptr, 1, o, 16); }, format(bad_ptr.c_str(), nul, vo)},
+      {[&] { return four(maps, scales, b, 0, o, 16); }, ""},
+      {[&] { return crop(nullptr, b, 1, o, 16); }, format("Invalid FMap pointer: %p\n", nul)},
+      {[&] { return crop(m, nullptr, 1, o, 16); }, format(bad_ptr.c_str(), nul, vo)},
+      {[&] { return crop(m, b, 1, nullptr, 16); }, format(bad_ptr.c_str(), vb, nul)},
+      {[&] { return crop(m, b, 1, o, 0); }, format(bad_ch.c_str(), 0u)},
+      {[&] { return crop(m, b, 1, o, 8); }, format(bad_ch.c_str(), 8u)},
+      {[&] { return crop(m, b, 0, o, 16); }, ""},
+  };
+  for (const auto& c : cases)
+    EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(c.call(), c.want.empty() ? 0 : -1) << c.want; }),
+              c.want);
+  EXPECT_EQ(out, std::vector<short>(16 + kGuard, kPoison));
 }
 
 TEST(RoiAlign, LargeGridsOnASmallStack) {
@@ -245,41 +257,16 @@ TEST(RoiAlign, LargeGridsOnASmallStack) {
 
 // ---- crop and resize ------------------------------------------------------
 
-struct crop_result {
-  int ret = 0;
-  std::vector<short> out;  // crop output followed by kGuard poisoned elements
-  std::string text;
-};
-
-crop_result crop(bilinear_kernel k, ref::map16& m, float extr, std::vector<float>& boxes,
-                 unsigned cw, unsigned ch, float sx = 1, float sy = 1) {
-  crop_result r;
-  r.out.assign(size_t(cw) * ch * m.c * (boxes.size() / 4) + kGuard, kPoison);
-  stdout_capture cap;
-  r.ret = ol::crop_and_resize_fmap_int16_with(k, m.data(), sx, sy, extr, boxes.data(),
-                                              unsigned(boxes.size() / 4), m.w, m.h, cw, ch, m.c,
-                                              r.out.data());
-  r.text = cap.end();
-  return r;
-}
-
 // Both kernels give the reference's values, lines and untouched guard.
 void expect_reference(ref::map16& m, float extr, std::vector<float>& boxes, unsigned cw,
                       unsigned ch, float sx = 1, float sy = 1) {
-  crop_result want;
-  const size_t per_box = size_t(cw) * ch * m.c;
-  want.out.assign(per_box * (boxes.size() / 4) + kGuard, kPoison);
-  for (size_t b = 0; b < boxes.size() / 4; ++b)
-    ref::crop_box(m, sx, sy, extr, &boxes[4 * b], cw, ch, &want.out[b * per_box], &want.text);
-  for (bool baseline : {true, false}) {  // the x86-64 baseline kernel as well
-    ol::cpu_force_baseline = baseline;
-    for (bilinear_kernel k : {bilinear_kernel::vector, bilinear_kernel::scalar}) {
-      const crop_result got = crop(k, m, extr, boxes, cw, ch, sx, sy);
-      ASSERT_EQ(got.ret, 0);
-      ASSERT_EQ(got.out, want.out);
-      ASSERT_EQ(got.text, want.text);
-    }
-  }
+  const size_t per_box = size_t(cw) * ch * m.c, n = boxes.size() / 4;
+  std::vector<short> want(per_box * n + kGuard, kPoison);
+  std::string text;
+  for (size_t b = 0; b < n; ++b)
+    ref::crop_box(m, sx, sy, extr, &boxes[4 * b], cw, ch, &want[b * per_box], &text);
+  expect_kernels(want, text, ol::crop_and_resize_fmap_int16_with, m.data(), sx, sy, extr,
+                 boxes.data(), unsigned(n), m.w, m.h, cw, ch, m.c);
 }
 
 // Random maps, scales and boxes (inside, across an edge, far outside,
@@ -323,25 +310,25 @@ TEST(CropAndResize, MatchesReference) {
 TEST(CropAndResize, CentreAndExtrapolation) {
   rng g(2);
   ref::map16 m = ref::random_map(g, 5, 5, 32);
+  auto cell = [&](unsigned y, unsigned x) { return m.v.begin() + (y * 5 + x) * 32; };
+  auto expect_crop = [&](std::vector<float> box, float extr, unsigned cw, unsigned ch,
+                         std::vector<short> want, const std::string& text) {
+    want.resize(want.size() + kGuard, kPoison);
+    expect_kernels(want, text, ol::crop_and_resize_fmap_int16_with, m.data(), 1.0f, 1.0f, extr,
+                   box.data(), 1u, 5u, 5u, cw, ch, 32u);
+  };
   // 1 x 1 crop of the whole map samples its centre cell (2, 2).
-  std::vector<float> box = {0, 0, 5, 5};
-  crop_result r = crop(bilinear_kernel::vector, m, 0, box, 1, 1);
-  EXPECT_EQ(r.text, "");
-  EXPECT_EQ(std::vector<short>(r.out.begin(), r.out.begin() + 32),
-            std::vector<short>(&m.v[(2 * 5 + 2) * 32], &m.v[(2 * 5 + 3) * 32]));
+  expect_crop({0, 0, 5, 5}, 0, 1, 1, std::vector<short>(cell(2, 2), cell(2, 3)), "");
   // Box (-W, -H, W, H), 3 x 2, edge to edge: row -4 is outside (E and an
   // "extr y" line per element), row 4 has columns at -4 (E and "extr x"
   // lines), 0 and 4.
-  box = {-5, -5, 5, 5};
-  r = crop(bilinear_kernel::vector, m, -1.7f, box, 3, 2);
-  std::string want_text;
-  for (int k = 0; k < 3 * 32; ++k) want_text += "extr y\n";
-  for (int k = 0; k < 32; ++k) want_text += "extr x, -4.000000\n";
-  EXPECT_EQ(r.text, want_text);
+  std::string text;
+  for (int k = 0; k < 3 * 32; ++k) text += "extr y\n";
+  for (int k = 0; k < 32; ++k) text += "extr x, -4.000000\n";
   std::vector<short> want(4 * 32, -1);
-  want.insert(want.end(), &m.v[(4 * 5 + 0) * 32], &m.v[(4 * 5 + 1) * 32]);
-  want.insert(want.end(), &m.v[(4 * 5 + 4) * 32], &m.v[(4 * 5 + 5) * 32]);
-  EXPECT_EQ(std::vector<short>(r.out.begin(), r.out.begin() + 6 * 32), want);
+  want.insert(want.end(), cell(4, 0), cell(4, 1));
+  want.insert(want.end(), cell(4, 4), cell(4, 5));
+  expect_crop({-5, -5, 5, 5}, -1.7f, 3, 2, want, text);
   // E is the value truncated toward zero, low 16 bits; 0 for NaN and
   // infinities.
   const struct {
@@ -350,28 +337,6 @@ TEST(CropAndResize, CentreAndExtrapolation) {
   } cases[] = {{-1.7f, -1},        {2.9f, 2}, {40000.0f, -25536}, {-40000.0f, 25536},
                {1e10f, short(uint16_t(10000000000ll & 0xFFFF))}, {kNan, 0}, {kInf, 0}, {-kInf, 0}};
   for (const auto& v : cases) EXPECT_EQ(ol::extrapolation_bits(v.extr), v.want) << v.extr;
-}
-
-TEST(CropAndResize, BadInputIsRefusedWithNothingWritten) {
-  std::vector<short> map(16 * 4, 1), out(16 + kGuard, kPoison);
-  std::vector<float> box = {0, 0, 1, 1};
-  void* const null = nullptr;
-  auto run = [&](short* fm, float* b, unsigned n, unsigned ch, short* o, const std::string& msg) {
-    stdout_capture cap;
-    const int ret = crop_and_resize_fmap_int16(fm, 1, 1, 0, b, n, 2, 2, 1, 1, ch, o);
-    EXPECT_EQ(ret, msg.empty() ? 0 : -1);
-    EXPECT_EQ(cap.end(), msg);
-  };
-  run(nullptr, box.data(), 1, 16, out.data(), format("Invalid FMap pointer: %p\n", null));
-  run(map.data(), nullptr, 1, 16, out.data(),
-      format("Invalid proposal or roi_result: %p, %p\n", null, static_cast<void*>(out.data())));
-  run(map.data(), box.data(), 1, 16, nullptr,
-      format("Invalid proposal or roi_result: %p, %p\n", static_cast<void*>(box.data()), null));
-  for (unsigned ch : {0u, 8u, 24u})
-    run(map.data(), box.data(), 1, ch, out.data(),
-        format("Invalid channel: %u, should be multiple 16\n", ch));
-  run(map.data(), box.data(), 0, 16, out.data(), "");
-  for (short v : out) ASSERT_EQ(v, kPoison);
 }
 
 }  // namespace
