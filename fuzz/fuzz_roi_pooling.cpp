@@ -34,7 +34,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   filler f(size);
   fill_halves(boxes, in, 48, f, 20.0f * std::max(fmap_h, fmap_w) * fmap_scale);
   buffer<uint16_t> fmap(G * fmap_h * fmap_w * 16);
-  for (size_t i = 0; i < fmap.size(); ++i) fmap[i] = static_cast<uint16_t>(f.next());
+  fill_bits(fmap, f);
   const size_t cells = pool_h > 0 && pool_w > 0 ? static_cast<size_t>(pool_h) * pool_w : 0;
   buffer<uint16_t> out(R * G * cells * 16), expect(out.size());
   out.fill_bytes(0xA5);

@@ -10,6 +10,8 @@
 #include <stdlib.h>
 #include <string.h>
 
+#include <algorithm>
+
 #include "brennik_opt_layers.h"
 
 namespace ol_fuzz {
@@ -80,6 +82,15 @@ inline uint32_t draw_size(FuzzedDataProvider& in, uint32_t small_max) {
   return in.ConsumeIntegral<uint32_t>();
 }
 
+// A channel count for the int16 operators: mostly 16 * (1..kinds), else
+// 0..40 (mostly not a multiple of 16).
+inline unsigned draw_channel(FuzzedDataProvider& in, unsigned kinds) {
+  const uint8_t k = in.ConsumeIntegral<uint8_t>();
+  return k < 200 ? 16u * (1 + k % kinds) : in.ConsumeIntegralInRange<unsigned>(0, 40);
+}
+
+inline bool valid_channel(unsigned c) { return c != 0 && c % 16 == 0; }
+
 // Deterministic filler for bulk arrays once the fuzzer's bytes are spent.
 struct filler {
   uint64_t s;
@@ -91,16 +102,14 @@ struct filler {
     return static_cast<uint32_t>(s >> 16);
   }
   // Mostly plausible values in [-range, range], about one in 64 an edge value.
-  uint16_t half(float range) {
+  template <class T, size_t N>
+  T pick(const T (&specials)[N], float range, T (*convert)(float)) {
     const uint32_t r = next();
-    if ((r & 63) == 0) return k_half_specials[(r >> 6) % (sizeof k_half_specials / 2)];
-    return opt_layers_half::from_float_round(((r >> 8) & 0xFFFF) / 32768.0f * range - range);
+    if ((r & 63) == 0) return specials[(r >> 6) % N];
+    return convert(((r >> 8) & 0xFFFF) / 32768.0f * range - range);
   }
-  float flt(float range) {
-    const uint32_t r = next();
-    if ((r & 63) == 0) return k_float_specials[(r >> 6) % (sizeof k_float_specials / sizeof(float))];
-    return ((r >> 8) & 0xFFFF) / 32768.0f * range - range;
-  }
+  uint16_t half(float range) { return pick(k_half_specials, range, opt_layers_half::from_float_round); }
+  float flt(float range) { return pick<float>(k_float_specials, range, [](float x) { return x; }); }
 };
 
 // A heap array of exactly n elements (n may be 0: the pointer is still not
@@ -120,6 +129,10 @@ class buffer {
   half_float::half* half() { return reinterpret_cast<half_float::half*>(p_); }
   void fill_bytes(uint8_t v) { memset(p_, v, n_ * sizeof(T)); }
   bool equals(const buffer& o) const { return n_ == o.n_ && memcmp(p_, o.p_, n_ * sizeof(T)) == 0; }
+  bool bytes_are(uint8_t v) const {
+    const uint8_t* b = reinterpret_cast<const uint8_t*>(p_);
+    return std::all_of(b, b + n_ * sizeof(T), [v](uint8_t x) { return x == v; });
+  }
 
  private:
   size_t n_;
@@ -130,17 +143,34 @@ class buffer {
 // rest from the filler.
 inline void fill_halves(buffer<uint16_t>& v, FuzzedDataProvider& in, size_t direct, filler& f,
                         float range) {
-  size_t i = 0;
-  for (; i < v.size() && i < direct && in.remaining_bytes() > 0; ++i) v[i] = draw_half(in);
-  for (; i < v.size(); ++i) v[i] = f.half(range);
+  for (size_t i = 0; i < v.size(); ++i)
+    v[i] = i < direct && in.remaining_bytes() > 0 ? draw_half(in) : f.half(range);
 }
 
 inline void fill_floats(buffer<float>& v, FuzzedDataProvider& in, size_t direct, filler& f,
                         float range) {
-  size_t i = 0;
-  for (; i < v.size() && i < direct && in.remaining_bytes() > 0; ++i)
-    v[i] = draw_float(in, -range, range);
-  for (; i < v.size(); ++i) v[i] = f.flt(range);
+  for (size_t i = 0; i < v.size(); ++i)
+    v[i] = i < direct && in.remaining_bytes() > 0 ? draw_float(in, -range, range) : f.flt(range);
+}
+
+// Fills v with the filler's raw bits (feature maps of any pattern).
+template <class T>
+void fill_bits(buffer<T>& v, filler& f) {
+  for (size_t i = 0; i < v.size(); ++i) v[i] = static_cast<T>(f.next());
+}
+
+// Calls call(out) twice, each time on an output of n elements poisoned with
+// 0xA5 bytes: both calls must return `expect` and write the same, and a
+// rejected call must leave the output untouched.
+template <class T, class F>
+void check_twice(size_t n, int expect, F call) {
+  buffer<T> out(n), again(n);
+  out.fill_bytes(0xA5);
+  again.fill_bytes(0xA5);
+  const int r = call(out.data());
+  OL_FUZZ_CHECK(r == expect && call(again.data()) == r);
+  OL_FUZZ_CHECK(out.equals(again));
+  if (r != 0) OL_FUZZ_CHECK(out.bytes_are(0xA5));
 }
 
 // Elements read from planes*rows rows of `width` elements with row pitch
