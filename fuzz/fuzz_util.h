@@ -39,15 +39,11 @@ inline void silence_stdout() {
     }                                                                         \
   } while (0)
 
-constexpr uint16_t k_half_specials[] = {
-    0x0000, 0x8000,          // +0, -0
-    0x7C00, 0xFC00,          // +inf, -inf
-    0x7E00, 0xFE00, 0x7C01,  // NaNs (quiet, negative, signalling)
-    0x7BFF, 0xFBFF,          // +-65504
-    0x0001, 0x8001, 0x03FF,  // subnormals
-    0x3C00, 0xBC00, 0x3800,  // 1, -1, 0.5
-    0x6400, 0x7800,          // 1024, 32768
-};
+// Half edge values: +-0, +-inf, NaNs (quiet, negative, signalling), +-65504,
+// subnormals, 1, -1, 0.5, 1024, 32768.
+constexpr uint16_t k_half_specials[] = {0x0000, 0x8000, 0x7C00, 0xFC00, 0x7E00, 0xFE00,
+                                        0x7C01, 0x7BFF, 0xFBFF, 0x0001, 0x8001, 0x03FF,
+                                        0x3C00, 0xBC00, 0x3800, 0x6400, 0x7800};
 
 constexpr float k_float_specials[] = {
     0.0f, -0.0f, __builtin_inff(), -__builtin_inff(), __builtin_nanf(""), -__builtin_nanf(""),
