@@ -7,12 +7,7 @@
 
 #include "fuzz_util.h"
 
-using namespace ol_fuzz;
-
-OL_FUZZ_SILENT_INIT()
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider in(data, size);
+OL_FUZZ_TARGET(in, size) {
   const unsigned channel = draw_channel(in, 2);
   const unsigned crop_w = in.ConsumeIntegralInRange<unsigned>(0, 9);
   const unsigned crop_h = in.ConsumeIntegralInRange<unsigned>(0, 9);
@@ -35,5 +30,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                                                            boxes.data(), roi_num, W, H, crop_w,
                                                            crop_h, channel, out);
                        });
-  return 0;
 }

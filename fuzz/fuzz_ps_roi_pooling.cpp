@@ -11,12 +11,7 @@
 
 #include "fuzz_util.h"
 
-using namespace ol_fuzz;
-
-OL_FUZZ_SILENT_INIT()
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider in(data, size);
+OL_FUZZ_TARGET(in, size) {
   const bool scaled = in.ConsumeBool();
   const int group = in.ConsumeIntegralInRange<int>(1, 4);
   const uint8_t pk = in.ConsumeIntegral<uint8_t>();
@@ -57,5 +52,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                   : ps_roi_pooling(fmap.data(), W, H, channels, fmap_pitch, boxes.data(), roi_num, out,
                                    pooled_w, pooled_h, out_channels, out_pitch, spatial_scale, group);
   });
-  return 0;
 }

@@ -7,12 +7,7 @@
 
 #include "fuzz_util.h"
 
-using namespace ol_fuzz;
-
-OL_FUZZ_SILENT_INIT()
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider in(data, size);
+OL_FUZZ_TARGET(in, size) {
   const bool four = in.ConsumeBool();
   const unsigned channel = draw_channel(in, 3);
   const unsigned pool_w = in.ConsumeIntegralInRange<unsigned>(0, 9);
@@ -36,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                            return roi_align_fmap_int16(m, scale, boxes.data(), roi_num, W, H,
                                                        pool_w, pool_h, channel, out);
                          });
-    return 0;
+    return;
   }
   const unsigned img_w = in.ConsumeIntegralInRange<unsigned>(0, 300);
   const unsigned img_h = in.ConsumeIntegralInRange<unsigned>(0, 300);
@@ -60,5 +55,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
                          return roi_align_four_fmap_int16(maps, scales, boxes.data(), roi_num, img_w,
                                                           img_h, pool_w, pool_h, channel, out);
                        });
-  return 0;
 }

@@ -8,12 +8,7 @@
 #include "../tests/ops/roi_pooling_ref.h"
 #include "fuzz_util.h"
 
-using namespace ol_fuzz;
-
-OL_FUZZ_SILENT_INIT()
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider in(data, size);
+OL_FUZZ_TARGET(in, size) {
   const bool is_signed = in.ConsumeBool();
   int fmap_h = in.ConsumeIntegralInRange<int>(0, 24);
   int fmap_w = in.ConsumeIntegralInRange<int>(0, 24);
@@ -46,5 +41,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ol_ref::roi_pooling_ref(is_signed, boxes.data(), fmap.data(), expect.data(), roi_num, pool_w,
                           pool_h, fmap_scale, fmap_h, fmap_w, fmap_d);
   OL_FUZZ_CHECK(out.equals(expect));
-  return 0;
 }

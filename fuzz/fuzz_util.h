@@ -22,13 +22,23 @@ inline void silence_stdout() {
   if (freopen("/dev/null", "w", stdout) == nullptr) perror("freopen");
 }
 
-// libFuzzer's start-up hook for targets that need nothing but a silent
-// standard output.
-#define OL_FUZZ_SILENT_INIT()                                \
-  extern "C" int LLVMFuzzerInitialize(int*, char***) {      \
-    ol_fuzz::silence_stdout();                              \
-    return 0;                                               \
-  }
+// Defines a libFuzzer target that silences standard output at start-up and
+// reads each input through `in` (`size` bytes):
+//   OL_FUZZ_TARGET(in, size) { ... }
+#define OL_FUZZ_TARGET(in, size)                                               \
+  extern "C" int LLVMFuzzerInitialize(int*, char***) {                         \
+    ol_fuzz::silence_stdout();                                                 \
+    return 0;                                                                  \
+  }                                                                            \
+  namespace ol_fuzz {                                                          \
+  void one_input(FuzzedDataProvider& in, size_t size);                         \
+  }                                                                            \
+  extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {    \
+    FuzzedDataProvider in(data, size);                                         \
+    ol_fuzz::one_input(in, size);                                              \
+    return 0;                                                                  \
+  }                                                                            \
+  void ol_fuzz::one_input(FuzzedDataProvider& in, size_t size)
 
 // Aborts the run with a message: a property of the library does not hold.
 #define OL_FUZZ_CHECK(cond)                                                   \
