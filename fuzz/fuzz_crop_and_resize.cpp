@@ -7,6 +7,8 @@
 
 #include "fuzz_util.h"
 
+using namespace ol_fuzz;
+
 OL_FUZZ_TARGET(in, size) {
   const unsigned channel = draw_channel(in, 2);
   const unsigned crop_w = in.ConsumeIntegralInRange<unsigned>(0, 9);
@@ -24,10 +26,10 @@ OL_FUZZ_TARGET(in, size) {
   fill_bits(fmap, f);
   const bool null_map = in.ConsumeIntegral<uint8_t>() >= 250;
   short* m = null_map ? nullptr : fmap.data();
-  check_twice<int16_t>(static_cast<size_t>(roi_num) * crop_w * crop_h * channel,
-                       (null_map || !valid_channel(channel)) ? -1 : 0, [&](int16_t* out) {
-                         return crop_and_resize_fmap_int16(m, scale_x, scale_y, extrapolation,
-                                                           boxes.data(), roi_num, W, H, crop_w,
-                                                           crop_h, channel, out);
-                       });
+  const int expect = null_map || !valid_channel(channel) ? -1 : 0;
+  const size_t out_n = static_cast<size_t>(roi_num) * crop_w * crop_h * channel;
+  check_call<int16_t>(out_n, expect, true, [&](int16_t* out) {
+    return crop_and_resize_fmap_int16(m, scale_x, scale_y, extrapolation, boxes.data(), roi_num, W, H,
+                                      crop_w, crop_h, channel, out);
+  });
 }

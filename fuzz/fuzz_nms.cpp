@@ -9,6 +9,8 @@
 #include "../tests/frcnn/nms_ref.h"
 #include "fuzz_util.h"
 
+using namespace ol_fuzz;
+
 OL_FUZZ_TARGET(in, size) {
   const uint8_t kind = in.ConsumeIntegral<uint8_t>();
   int count, max_out;

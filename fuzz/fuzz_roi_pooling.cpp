@@ -8,6 +8,8 @@
 #include "../tests/ops/roi_pooling_ref.h"
 #include "fuzz_util.h"
 
+using namespace ol_fuzz;
+
 OL_FUZZ_TARGET(in, size) {
   const bool is_signed = in.ConsumeBool();
   int fmap_h = in.ConsumeIntegralInRange<int>(0, 24);
