@@ -11,10 +11,7 @@
 
 using namespace ol_fuzz;
 
-OL_FUZZ_SILENT_INIT()
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider in(data, size);
+OL_FUZZ_TARGET(in, size) {
   const uint8_t kind = in.ConsumeIntegral<uint8_t>();
   int count, max_out;
   // Mostly small counts: the quadratic oracle dominates the run time of the
@@ -51,5 +48,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const int e = ol_ref::nms_ref(expect.data(), boxes.data(), count, iou, max_out);
   OL_FUZZ_CHECK(r == e);
   OL_FUZZ_CHECK(memcmp(out.data(), expect.data(), 8ull * r) == 0);
-  return 0;
 }

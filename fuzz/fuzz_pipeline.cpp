@@ -37,10 +37,7 @@ bool budget_hook(size_t bytes, void*) {
   return g_bytes.fetch_add(bytes) + bytes <= k_max_total;
 }
 
-void reset_budget() {
-  g_bytes = 0;
-  g_count = 0;
-}
+void reset_budget() { g_bytes = g_count = 0; }
 
 frcnn_desc draw_desc(FuzzedDataProvider& in) {
   frcnn_desc d;
@@ -82,16 +79,12 @@ frcnn_desc draw_desc(FuzzedDataProvider& in) {
   d.pool_pitch = in.ConsumeIntegral<uint32_t>();
   d.rcnn_bbox_pitch = pitch(4 * d.class_num);
   d.rcnn_cls_pitch = pitch(d.class_num);
-  d.pre_nms_iou = draw_float(in, 0.0f, 1.0f);
-  d.post_nms_iou = draw_float(in, 0.0f, 1.0f);
-  d.cls_prob = draw_float(in, 0.0f, 1.0f);
+  for (float* v : {&d.pre_nms_iou, &d.post_nms_iou, &d.cls_prob}) *v = draw_float(in, 0.0f, 1.0f);
   d.rpn_cls_threshold = draw_float(in, -1.0f, 1.0f);
   const uint8_t bt = in.ConsumeIntegral<uint8_t>();
   d.bbox_type = bt < 240 ? bt % 2 : in.ConsumeIntegral<uint32_t>();
-  d.bbox_scale_factor.center_x = draw_float(in, 0.0f, 20.0f);
-  d.bbox_scale_factor.center_y = draw_float(in, 0.0f, 20.0f);
-  d.bbox_scale_factor.width = draw_float(in, 0.0f, 20.0f);
-  d.bbox_scale_factor.height = draw_float(in, 0.0f, 20.0f);
+  auto& s = d.bbox_scale_factor;
+  for (float* v : {&s.center_x, &s.center_y, &s.width, &s.height}) *v = draw_float(in, 0.0f, 20.0f);
   return d;
 }
 
@@ -173,7 +166,7 @@ struct frame_data {
     const size_t direct = in.ConsumeIntegralInRange<size_t>(0, 64);
     fill_halves(cls, in, direct, f, 8.0f);
     fill_halves(bbox, in, direct, f, 2.0f);
-    for (size_t i = 0; i < fmap.size(); ++i) fmap[i] = static_cast<uint16_t>(f.next());
+    fill_bits(fmap, f);
     fill_halves(nms_seed, in, direct, f, 1000.0f);
     fill_halves(rcls, in, direct, f, 1.0f);
     // The class suppression is quadratic in the ROIs that take part in it:
@@ -193,14 +186,20 @@ struct frame_data {
   }
 };
 
+// Calls the instance form of an entry point on `handle`, or the process-wide
+// form when the handle is NULL.
+template <class G, class I, class... A>
+int call(void* handle, G global_form, I instance_form, A... args) {
+  return handle == nullptr ? global_form(args...) : instance_form(handle, args...);
+}
+
 // One frame series on one context (handle, or NULL for the global forms).
-void run_frames(void* handle, bool global, const frcnn_desc& d, const frame_inputs& p,
-                frame_data& in, frame_outputs& out) {
+void run_frames(void* handle, const frcnn_desc& d, const frame_inputs& p, frame_data& in,
+                frame_outputs& out) {
   half_float::half* cls = p.null_case == 1 ? nullptr : in.cls.half();
   half_float::half* bbox = p.null_case == 2 ? nullptr : in.bbox.half();
   half_float::half* props = nullptr;
-  out.k = global ? opt_layers_frcnn_prenms(cls, bbox, &props)
-                 : opt_layers_instance_frcnn_prenms(handle, cls, bbox, &props);
+  out.k = call(handle, opt_layers_frcnn_prenms, opt_layers_instance_frcnn_prenms, cls, bbox, &props);
   OL_FUZZ_CHECK(out.k >= -1 && (out.k < 0 || static_cast<uint32_t>(out.k) <= d.pre_nms_num));
   if (out.k > 0) {
     OL_FUZZ_CHECK(props != nullptr);
@@ -211,8 +210,7 @@ void run_frames(void* handle, bool global, const frcnn_desc& d, const frame_inpu
   const int max_rois = static_cast<int>(std::min<uint32_t>(d.post_nms_num, 32767));
   memcpy(out.nms_out.data(), in.nms_seed.data(), in.nms_seed.size() * 2);
   half_float::half* nms = p.null_case == 3 ? nullptr : out.nms_out.half();
-  out.r = global ? opt_layers_frcnn_prenms_nms(cls, bbox, nms)
-                 : opt_layers_instance_frcnn_prenms_nms(handle, cls, bbox, nms);
+  out.r = call(handle, opt_layers_frcnn_prenms_nms, opt_layers_instance_frcnn_prenms_nms, cls, bbox, nms);
   OL_FUZZ_CHECK(out.r >= -1 && out.r <= max_rois);
   if (out.k >= 0 && nms != nullptr) OL_FUZZ_CHECK(out.r >= 0 && out.r <= out.k);
   if (p.can_pool) {
@@ -220,9 +218,8 @@ void run_frames(void* handle, bool global, const frcnn_desc& d, const frame_inpu
     out.roi_result.fill_bytes(0xA5);
     // A NULL map is only passed when no ROI can be pooled from it.
     if (fmap == nullptr && out.r > 0) fmap = in.fmap.data();
-    out.r2 = global ? opt_layers_frcnn_pre_nms_roi(cls, bbox, fmap, out.roi_result.data(), nms)
-                    : opt_layers_instance_frcnn_pre_nms_roi(handle, cls, bbox, fmap,
-                                                            out.roi_result.data(), nms);
+    out.r2 = call(handle, opt_layers_frcnn_pre_nms_roi, opt_layers_instance_frcnn_pre_nms_roi, cls,
+                  bbox, fmap, out.roi_result.data(), nms);
     OL_FUZZ_CHECK(out.r2 == out.r);
   }
   const uint32_t roi_num = p.roi_num ? p.roi_num : static_cast<uint32_t>(out.r < 0 ? 0 : out.r);
@@ -230,8 +227,8 @@ void run_frames(void* handle, bool global, const frcnn_desc& d, const frame_inpu
   half_float::half* rcls = p.null_case == 5 ? nullptr : in.rcls.half();
   half_float::half* rbbox = p.null_case == 6 ? nullptr : in.rbbox.half();
   half_float::half* result = p.null_case == 7 ? nullptr : out.rcnn_result.half();
-  out.post = global ? opt_layers_frcnn_post_nms(rcls, rbbox, nms, result, roi_num)
-                    : opt_layers_instance_frcnn_post_nms(handle, rcls, rbbox, nms, result, roi_num);
+  out.post = call(handle, opt_layers_frcnn_post_nms, opt_layers_instance_frcnn_post_nms, rcls, rbbox,
+                  nms, result, roi_num);
   OL_FUZZ_CHECK(out.post == (p.null_case >= 3 && p.null_case <= 7 && p.null_case != 4 ? -1 : 0));
   // Class counts never exceed the ROIs given (nor post_nms_num).
   if (out.post == 0)
@@ -283,7 +280,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   frame_data inputs(plan, d.rcnn_cls_pitch, in, size);
   frame_outputs a(plan);
   reset_budget();
-  run_frames(h, false, d, plan, inputs, a);
+  run_frames(h, d, plan, inputs, a);
   opt_layers_instance_frcnn_exit(h);
 
   // The same frames on the process-wide context with another worker count.
@@ -293,7 +290,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (opt_layers_frcnn_init(&g, base.data()) != 0) return 0;
   frame_outputs b(plan);
   reset_budget();
-  run_frames(nullptr, true, g, plan, inputs, b);
+  run_frames(nullptr, g, plan, inputs, b);
   opt_layers_frcnn_exit();
   OL_FUZZ_CHECK(ol::global_context() == nullptr);
 

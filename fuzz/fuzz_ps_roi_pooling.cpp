@@ -2,9 +2,9 @@
 // scale factors (NaN, infinities, negative), group sizes 1..4, pooled sizes
 // and channel counts matching or not, pitches at or above out_channels (or
 // zero, which overlaps every position, or negative, which reads an empty
-// map or writes nothing). The map holds
-// exactly what the last position may read and the output exactly roi_num
-// regions; a rejected call must leave the output untouched.
+// map or writes nothing). The map holds exactly what the last position may
+// read and the output exactly roi_num regions; a rejected call must leave the
+// output untouched.
 #include <math.h>
 
 #include <algorithm>
@@ -13,10 +13,7 @@
 
 using namespace ol_fuzz;
 
-OL_FUZZ_SILENT_INIT()
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider in(data, size);
+OL_FUZZ_TARGET(in, size) {
   const bool scaled = in.ConsumeBool();
   const int group = in.ConsumeIntegralInRange<int>(1, 4);
   const uint8_t pk = in.ConsumeIntegral<uint8_t>();
@@ -49,27 +46,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   for (size_t i = 0; i < fmap.size(); ++i) fmap[i] = f.flt(100.0f);
   const size_t region = out_pitch > 0 && pooled_w > 0 && pooled_h > 0
                             ? static_cast<size_t>(pooled_w) * pooled_h * out_pitch : 0;
-  if (getenv("OL_FUZZ_VERBOSE"))
-    fprintf(stderr, "scaled %d group %d pooled %dx%d out_channels %d channels %d fmap_pitch %d "
-            "out_pitch %d W %d H %d roi_num %d spatial %g roi_scale %g shift %g stride %g\n",
-            scaled, group, pooled_w, pooled_h, out_channels, channels, fmap_pitch, out_pitch, W, H,
-            roi_num, spatial_scale, roi_scale, bin_shift, bin_stride);
-  buffer<float> out(R * region);
-  out.fill_bytes(0xA5);
-  const int r = scaled ? ps_roi_pooling_scale(fmap.data(), W, H, channels, fmap_pitch, boxes.data(),
-                                              roi_num, out.data(), pooled_w, pooled_h, out_channels,
-                                              out_pitch, spatial_scale, group, roi_scale, bin_shift,
-                                              bin_stride)
-                       : ps_roi_pooling(fmap.data(), W, H, channels, fmap_pitch, boxes.data(),
-                                        roi_num, out.data(), pooled_w, pooled_h, out_channels,
-                                        out_pitch, spatial_scale, group);
   const bool valid = pooled_w == group && pooled_h == group && channels == group * group * out_channels;
-  OL_FUZZ_CHECK(r == (valid ? 0 : -1));
-  if (r != 0)
-    for (size_t i = 0; i < out.size(); ++i) {
-      uint32_t bits;
-      memcpy(&bits, &out[i], 4);
-      OL_FUZZ_CHECK(bits == 0xA5A5A5A5u);
-    }
-  return 0;
+  check_call<float>(R * region, valid ? 0 : -1, false, [&](float* out) {
+    return scaled ? ps_roi_pooling_scale(fmap.data(), W, H, channels, fmap_pitch, boxes.data(), roi_num,
+                                         out, pooled_w, pooled_h, out_channels, out_pitch,
+                                         spatial_scale, group, roi_scale, bin_shift, bin_stride)
+                  : ps_roi_pooling(fmap.data(), W, H, channels, fmap_pitch, boxes.data(), roi_num, out,
+                                   pooled_w, pooled_h, out_channels, out_pitch, spatial_scale, group);
+  });
 }

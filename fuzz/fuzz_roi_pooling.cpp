@@ -10,10 +10,7 @@
 
 using namespace ol_fuzz;
 
-OL_FUZZ_SILENT_INIT()
-
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  FuzzedDataProvider in(data, size);
+OL_FUZZ_TARGET(in, size) {
   const bool is_signed = in.ConsumeBool();
   int fmap_h = in.ConsumeIntegralInRange<int>(0, 24);
   int fmap_w = in.ConsumeIntegralInRange<int>(0, 24);
@@ -34,7 +31,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   filler f(size);
   fill_halves(boxes, in, 48, f, 20.0f * std::max(fmap_h, fmap_w) * fmap_scale);
   buffer<uint16_t> fmap(G * fmap_h * fmap_w * 16);
-  for (size_t i = 0; i < fmap.size(); ++i) fmap[i] = static_cast<uint16_t>(f.next());
+  fill_bits(fmap, f);
   const size_t cells = pool_h > 0 && pool_w > 0 ? static_cast<size_t>(pool_h) * pool_w : 0;
   buffer<uint16_t> out(R * G * cells * 16), expect(out.size());
   out.fill_bytes(0xA5);
@@ -46,5 +43,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   ol_ref::roi_pooling_ref(is_signed, boxes.data(), fmap.data(), expect.data(), roi_num, pool_w,
                           pool_h, fmap_scale, fmap_h, fmap_w, fmap_d);
   OL_FUZZ_CHECK(out.equals(expect));
-  return 0;
 }

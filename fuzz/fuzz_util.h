@@ -20,13 +20,23 @@ inline void silence_stdout() {
   if (freopen("/dev/null", "w", stdout) == nullptr) perror("freopen");
 }
 
-// libFuzzer's start-up hook for targets that need nothing but a silent
-// standard output.
-#define OL_FUZZ_SILENT_INIT()                                \
-  extern "C" int LLVMFuzzerInitialize(int*, char***) {      \
-    ol_fuzz::silence_stdout();                              \
-    return 0;                                               \
-  }
+// Defines a libFuzzer target that silences standard output at start-up and
+// reads each input through `in` (`size` bytes):
+//   OL_FUZZ_TARGET(in, size) { ... }
+// The body is outside namespace ol_fuzz, whose functions are left out of the
+// coverage instrumentation.
+#define OL_FUZZ_TARGET(in, size)                                               \
+  extern "C" int LLVMFuzzerInitialize(int*, char***) {                         \
+    ol_fuzz::silence_stdout();                                                 \
+    return 0;                                                                  \
+  }                                                                            \
+  static void fuzz_one_input(FuzzedDataProvider& in, size_t size);             \
+  extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {    \
+    FuzzedDataProvider in(data, size);                                         \
+    fuzz_one_input(in, size);                                                  \
+    return 0;                                                                  \
+  }                                                                            \
+  static void fuzz_one_input(FuzzedDataProvider& in, size_t size)
 
 // Aborts the run with a message: a property of the library does not hold.
 #define OL_FUZZ_CHECK(cond)                                                   \
@@ -37,15 +47,11 @@ inline void silence_stdout() {
     }                                                                         \
   } while (0)
 
-constexpr uint16_t k_half_specials[] = {
-    0x0000, 0x8000,          // +0, -0
-    0x7C00, 0xFC00,          // +inf, -inf
-    0x7E00, 0xFE00, 0x7C01,  // NaNs (quiet, negative, signalling)
-    0x7BFF, 0xFBFF,          // +-65504
-    0x0001, 0x8001, 0x03FF,  // subnormals
-    0x3C00, 0xBC00, 0x3800,  // 1, -1, 0.5
-    0x6400, 0x7800,          // 1024, 32768
-};
+// Half edge values: +-0, +-inf, NaNs (quiet, negative, signalling), +-65504,
+// subnormals, 1, -1, 0.5, 1024, 32768.
+constexpr uint16_t k_half_specials[] = {0x0000, 0x8000, 0x7C00, 0xFC00, 0x7E00, 0xFE00,
+                                        0x7C01, 0x7BFF, 0xFBFF, 0x0001, 0x8001, 0x03FF,
+                                        0x3C00, 0xBC00, 0x3800, 0x6400, 0x7800};
 
 constexpr float k_float_specials[] = {
     0.0f, -0.0f, __builtin_inff(), -__builtin_inff(), __builtin_nanf(""), -__builtin_nanf(""),
@@ -80,6 +86,15 @@ inline uint32_t draw_size(FuzzedDataProvider& in, uint32_t small_max) {
   return in.ConsumeIntegral<uint32_t>();
 }
 
+// A channel count for the int16 operators: mostly 16 * (1..kinds), else
+// 0..40 (mostly not a multiple of 16).
+inline unsigned draw_channel(FuzzedDataProvider& in, unsigned kinds) {
+  const uint8_t k = in.ConsumeIntegral<uint8_t>();
+  return k < 200 ? 16u * (1 + k % kinds) : in.ConsumeIntegralInRange<unsigned>(0, 40);
+}
+
+inline bool valid_channel(unsigned c) { return c != 0 && c % 16 == 0; }
+
 // Deterministic filler for bulk arrays once the fuzzer's bytes are spent.
 struct filler {
   uint64_t s;
@@ -91,16 +106,14 @@ struct filler {
     return static_cast<uint32_t>(s >> 16);
   }
   // Mostly plausible values in [-range, range], about one in 64 an edge value.
-  uint16_t half(float range) {
+  template <class T, size_t N>
+  T pick(const T (&specials)[N], float range, T (*convert)(float)) {
     const uint32_t r = next();
-    if ((r & 63) == 0) return k_half_specials[(r >> 6) % (sizeof k_half_specials / 2)];
-    return opt_layers_half::from_float_round(((r >> 8) & 0xFFFF) / 32768.0f * range - range);
+    if ((r & 63) == 0) return specials[(r >> 6) % N];
+    return convert(((r >> 8) & 0xFFFF) / 32768.0f * range - range);
   }
-  float flt(float range) {
-    const uint32_t r = next();
-    if ((r & 63) == 0) return k_float_specials[(r >> 6) % (sizeof k_float_specials / sizeof(float))];
-    return ((r >> 8) & 0xFFFF) / 32768.0f * range - range;
-  }
+  uint16_t half(float range) { return pick(k_half_specials, range, opt_layers_half::from_float_round); }
+  float flt(float range) { return pick<float>(k_float_specials, range, [](float x) { return x; }); }
 };
 
 // A heap array of exactly n elements (n may be 0: the pointer is still not
@@ -130,17 +143,14 @@ class buffer {
 // rest from the filler.
 inline void fill_halves(buffer<uint16_t>& v, FuzzedDataProvider& in, size_t direct, filler& f,
                         float range) {
-  size_t i = 0;
-  for (; i < v.size() && i < direct && in.remaining_bytes() > 0; ++i) v[i] = draw_half(in);
-  for (; i < v.size(); ++i) v[i] = f.half(range);
+  for (size_t i = 0; i < v.size(); ++i)
+    v[i] = i < direct && in.remaining_bytes() > 0 ? draw_half(in) : f.half(range);
 }
 
 inline void fill_floats(buffer<float>& v, FuzzedDataProvider& in, size_t direct, filler& f,
                         float range) {
-  size_t i = 0;
-  for (; i < v.size() && i < direct && in.remaining_bytes() > 0; ++i)
-    v[i] = draw_float(in, -range, range);
-  for (; i < v.size(); ++i) v[i] = f.flt(range);
+  for (size_t i = 0; i < v.size(); ++i)
+    v[i] = i < direct && in.remaining_bytes() > 0 ? draw_float(in, -range, range) : f.flt(range);
 }
 
 // Elements read from planes*rows rows of `width` elements with row pitch
@@ -151,5 +161,30 @@ inline uint64_t pitched_extent(uint64_t rows, uint64_t pitch, uint64_t width) {
 }
 
 }  // namespace ol_fuzz
+
+// The two below are instrumented like the target bodies: the lengths of their
+// loops tell the fuzzer the sizes an input drew.
+// Fills v with the filler's raw bits (feature maps of any pattern).
+template <class T>
+void fill_bits(ol_fuzz::buffer<T>& v, ol_fuzz::filler& f) {
+  for (size_t i = 0; i < v.size(); ++i) v[i] = static_cast<T>(f.next());
+}
+
+// Calls call(out) on an output of n elements poisoned with 0xA5 bytes: it
+// must return `expect`, and a rejected call must leave the output untouched.
+// With `twice`, a second identical call must return and write the same.
+template <class T, class F>
+void check_call(size_t n, int expect, bool twice, F call) {
+  ol_fuzz::buffer<T> out(n), again(n);
+  out.fill_bytes(0xA5);
+  again.fill_bytes(0xA5);
+  const int r = call(out.data());
+  OL_FUZZ_CHECK(r == expect);
+  if (twice) OL_FUZZ_CHECK(call(again.data()) == r && out.equals(again));
+  T poison;
+  memset(&poison, 0xA5, sizeof poison);
+  if (r != 0)
+    for (size_t i = 0; i < n; ++i) OL_FUZZ_CHECK(memcmp(&out[i], &poison, sizeof poison) == 0);
+}
 
 #endif
