@@ -16,10 +16,8 @@ using opt_layers_half::to_float;
 
 // Magnitude of a finite half pattern (sign ignored), from the definition.
 double half_magnitude(uint16_t h) {
-  const int e = (h >> 10) & 0x1F;
-  const int m = h & 0x3FF;
-  if (e == 0) return ldexp(m, -24);
-  return ldexp(1024 + m, e - 25);
+  const int e = (h >> 10) & 0x1F, m = h & 0x3FF;
+  return e == 0 ? ldexp(m, -24) : ldexp(1024 + m, e - 25);
 }
 
 bool is_half_nan(uint16_t h) { return (h & 0x7C00) == 0x7C00 && (h & 0x3FF) != 0; }
@@ -47,8 +45,6 @@ uint16_t ref_half(float x, bool round) {
   const double hi = lo == 0x7BFF ? 65536.0 : half_magnitude(static_cast<uint16_t>(lo + 1));
   return sign | static_cast<uint16_t>(lo + (round && 2.0 * a >= half_magnitude(lo) + hi));
 }
-
-float float_of(uint32_t u) { return opt_layers_half::f32_from_bits(u); }
 
 // x and its float neighbours up to `steps` ulps away on both sides.
 void expect_around(float x, int steps) {
@@ -120,7 +116,7 @@ TEST(half, subnormals_overflow_and_specials) {
   // NaNs of any payload and sign stay NaNs of that sign.
   for (uint32_t payload : {1u, 0x1FFFu, 0x2000u, 0x400000u, 0x7FFFFFu, 0x12345u}) {
     for (uint32_t sign : {0u, 0x80000000u}) {
-      const float x = float_of(sign | 0x7F800000u | payload);
+      const float x = opt_layers_half::f32_from_bits(sign | 0x7F800000u | payload);
       for (uint16_t r : {from_float_trunc(x), from_float_round(x)})
         EXPECT_TRUE(is_half_nan(r) && (r & 0x8000u) == sign >> 16) << std::hex << payload;
     }

@@ -18,6 +18,7 @@ constexpr size_t k_guard = 64;
 
 // Record (y*W + x)*A + a is base anchor a shifted by (x*S, y*S), each sum
 // in single precision; with suppression x in [0, img_w], y in [0, img_h].
+// A stride beyond INT_MAX is a negative int and its shifts do not overflow.
 // Followed by k_guard poisoned floats.
 std::vector<float> reference(const std::vector<float>& base, unsigned A, unsigned S, unsigned H,
                              unsigned W, bool suppress, unsigned img_h, unsigned img_w) {
@@ -26,7 +27,7 @@ std::vector<float> reference(const std::vector<float>& base, unsigned A, unsigne
     for (unsigned x = 0; x < W; ++x)
       for (unsigned a = 0; a < A; ++a)
         for (unsigned j = 0; j < 4; ++j) {
-          float v = base[4 * a + j] + static_cast<float>(j % 2 ? y * S : x * S);
+          float v = base[4 * a + j] + static_cast<float>(int64_t{j % 2 ? y : x} * static_cast<int32_t>(S));
           if (suppress) v = std::max(std::min(v, static_cast<float>(j % 2 ? img_h : img_w)), 0.0f);
           out.push_back(v);
         }
@@ -67,12 +68,13 @@ TEST(Anchors, MatchReferenceForOneAndEightWorkers) {
     unsigned A, S, H, W;
   };
   // Ten bands of H / 10 rows, the last one also takes the remainder: H below
-  // 10 (band 9 alone), 23 (bands of 2, last of 5), a VGG16 frame.
+  // 10 (band 9 alone), 23 (bands of 2, last of 5), a VGG16 frame; a hostile
+  // stride (found by fuzzing).
   for (const shape& sh : {shape{3, 16, 7, 5}, shape{9, 16, 23, 11}, shape{9, 16, 38, 63},
-                          shape{1, 1, 1, 1}, shape{2, 8, 10, 3}}) {
+                          shape{1, 1, 1, 1}, shape{2, 8, 10, 3}, shape{2, 0x80808080u, 5, 5}}) {
     for (bool suppress : {false, true}) {
       const std::vector<float> base = random_base(sh.A, sh.H * 31 + sh.A);
-      const unsigned img_h = sh.H * sh.S, img_w = sh.W * sh.S;
+      const unsigned img_h = std::min(sh.H * sh.S, 4096u), img_w = std::min(sh.W * sh.S, 4096u);
       const auto want = reference(base, sh.A, sh.S, sh.H, sh.W, suppress, img_h, img_w);
       for (unsigned workers : {1u, 8u})
         EXPECT_TRUE(same_bits(want, generate(workers, base, sh.A, sh.S, sh.H, sh.W, suppress,

@@ -22,18 +22,11 @@ constexpr int kFrames = 3;   // distinct input frames per handle
 const unsigned kSteps[] = {ol_test::step_prenms, ol_test::step_prenms_nms,
                            ol_test::step_pre_nms_roi | ol_test::step_post_nms, ol_test::step_all};
 
-// 1 to 3 threads, both sort paths, three map heights, and foreground-only
-// filtered scores on every fourth handle.
+// The robustness frame on 1 to 3 threads, both sort paths, three map
+// heights, and foreground-only filtered scores on every fourth handle.
 frcnn_desc handle_desc(int i) {
   frcnn_desc d = ol_test::robust_desc(static_cast<uint8_t>(1 + i % 3), i % 2 == 0);
   d.fmap_h = 10 + i % 3;
-  d.fmap_w = 12;
-  d.fmap_pitch = d.rpn_cls_pitch = 13;
-  d.pre_nms_num = 300;
-  d.post_nms_num = 40;
-  d.class_num = d.rcnn_cls_pitch = 5;
-  d.rcnn_bbox_pitch = 20;
-  d.pool_h = d.pool_w = 3;
   d.is_rpn_cls_fg_only = d.is_filter_rpn_cls = i % 4 == 1;
   d.rpn_cls_threshold = 0.2f;
   return d;
