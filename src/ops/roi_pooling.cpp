@@ -131,7 +131,7 @@ inline void bin_bounds(int16_t start, int32_t bin, int p, int n, int* first, int
 // idempotent, so the accumulators start from the bin's first position (no
 // empty-bin value to merge) and a long row may be covered by overlapping
 // pairs of positions. A bin has the same shape in every channel block, so
-// each cell function pools one bin over a run of u.nb channel blocks: the
+// each cell function pools one bin over a run of channel blocks: the
 // switch on the bin's shape is paid once per run, not once per cell. Bins
 // of up to k_max_rows x k_max_cols positions are unrolled completely, taller
 // ones loop over rows of up to k_max_cols unrolled positions, wider rows run
@@ -173,68 +173,83 @@ struct acc {
   }
 };
 
-// Steps a row pointer by `rs` elements. On aarch64 the pointer is kept in a
+// p moved by `bytes` bytes.
+inline const uint16_t* step(const uint16_t* p, ptrdiff_t bytes) {
+  return reinterpret_cast<const uint16_t*>(reinterpret_cast<const char*>(p) + bytes);
+}
+inline uint16_t* step(uint16_t* p, ptrdiff_t bytes) {
+  return reinterpret_cast<uint16_t*>(reinterpret_cast<char*>(p) + bytes);
+}
+
+// Steps a row pointer by `rs` bytes. On aarch64 the pointer is kept in a
 // register of its own, so that a position is one `ldp q, q` from it: left
 // alone, GCC folds the row offsets into pairs of register-offset `ldr q`.
 inline const uint16_t* next_row(const uint16_t* q, ptrdiff_t rs) {
-  q += rs;
+  q = step(q, rs);
 #if defined(__aarch64__)
   __asm__("" : "+r"(q));
 #endif
   return q;
 }
 
-// Where a run of one bin goes: map rows `rs` apart, channel blocks `bs`
-// apart on the map and `os` apart in the output, nb >= 1 blocks.
+// Where a run of one bin goes, in bytes: map rows `rs` apart, channel
+// blocks `bs` apart on the map and `os` apart in the output, `len` = os
+// times the run's number of blocks (at least one).
 struct run {
-  ptrdiff_t rs, bs, os;
-  int nb;
+  ptrdiff_t rs, bs, os, len;
 };
+
+// Calls cell(p, o) for the bin's first position p and output cell o in
+// every channel block of the run.
+template <typename F>
+inline void for_blocks(const uint16_t* p, const run& u, uint16_t* o, F cell) {
+  const ptrdiff_t bs = u.bs, os = u.os;  // in registers: the stores may alias u
+  uint16_t* const end = step(o, u.len);
+  do {
+    cell(p, o);
+    p = step(p, bs);
+    o = step(o, os);
+  } while (o != end);
+}
 
 // NR rows of NC positions, both known.
 template <int NR, int NC, typename V>
 void cells_fixed(const uint16_t* p, const run& u, int, int, uint16_t* o) {
-  // The run's strides in registers: the stores may alias u.
-  const ptrdiff_t rs = u.rs, bs = u.bs, os = u.os;
-  for (uint16_t* const e = o + u.nb * os; o != e; p += bs, o += os) {
-    acc<V> a(p);
-    a.template add_row<NC>(p, 1);
-    const uint16_t* q = p;
+  const ptrdiff_t rs = u.rs;
+  for_blocks(p, u, o, [rs](const uint16_t* q, uint16_t* out) {
+    acc<V> a(q);
+    a.template add_row<NC>(q, 1);
     for (int r = 1; r < NR; ++r) {
       q = next_row(q, rs);
       a.template add_row<NC>(q);
     }
-    a.store(o);
-  }
+    a.store(out);
+  });
 }
 
 // nr >= 1 rows of NC positions.
 template <int NC, typename V>
 void cells_rows(const uint16_t* p, const run& u, int nr, int, uint16_t* o) {
-    // The run's strides in registers: the stores may alias u.
-  const ptrdiff_t rs = u.rs, bs = u.bs, os = u.os;
-  for (uint16_t* const e = o + u.nb * os; o != e; p += bs, o += os) {
-    acc<V> a(p);
-    a.template add_row<NC>(p, 1);
-    for (const uint16_t *q = p, *qe = p + (nr - 1) * rs; q != qe;) {
+  const ptrdiff_t rs = u.rs, last = (nr - 1) * u.rs;
+  for_blocks(p, u, o, [rs, last](const uint16_t* q, uint16_t* out) {
+    acc<V> a(q);
+    a.template add_row<NC>(q, 1);
+    for (const uint16_t* const qe = step(q, last); q != qe;) {
       q = next_row(q, rs);
       a.template add_row<NC>(q);
     }
-    a.store(o);
-  }
+    a.store(out);
+  });
 }
 
 // nr >= 1 rows of nc >= 2 positions: pairs of positions, the last pair
 // ending at the row's last position (it may overlap the one before).
 template <typename V>
 void cells_pairs(const uint16_t* p, const run& u, int nr, int nc, uint16_t* o) {
-  const ptrdiff_t last = static_cast<ptrdiff_t>(nc - 2) * k_block;
-  // The run's strides in registers: the stores may alias u.
-  const ptrdiff_t rs = u.rs, bs = u.bs, os = u.os;
-  for (uint16_t* const e = o + u.nb * os; o != e; p += bs, o += os) {
-    acc<V> a(p), b(p + k_block);
-    const uint16_t* q = p;
-    for (int r = 0; r < nr; ++r, q += rs) {
+  const ptrdiff_t rs = u.rs, last = static_cast<ptrdiff_t>(nc - 2) * k_block;
+  for_blocks(p, u, o, [rs, last, nr](const uint16_t* q, uint16_t* out) {
+    acc<V> a(q), b(q + k_block);
+    for (int r = 0; r < nr; ++r, q = step(q, rs)) {
       for (ptrdiff_t i = r ? 0 : 2 * k_block; i < last; i += 2 * k_block) {
         a.add(q + i);
         b.add(q + i + k_block);
@@ -243,8 +258,8 @@ void cells_pairs(const uint16_t* p, const run& u, int nr, int nc, uint16_t* o) {
       b.add(q + last + k_block);
     }
     a.merge(b);
-    a.store(o);
-  }
+    a.store(out);
+  });
 }
 
 // The value of an empty bin: the least 16-bit value of the comparison.
@@ -252,10 +267,9 @@ inline u16x8 empty_value(u16x8) { return u16x8{}; }
 inline i16x8 empty_value(i16x8) { return i16x8{} + INT16_MIN; }
 
 template <typename V>
-void cells_empty(const uint16_t*, const run& u, int, int, uint16_t* o) {
+void cells_empty(const uint16_t* p, const run& u, int, int, uint16_t* o) {
   const acc<V> e(empty_value(V{}));
-  const ptrdiff_t os = u.os;
-  for (uint16_t* const end = o + u.nb * os; o != end; o += os) e.store(o);
+  for_blocks(p, u, o, [&e](const uint16_t*, uint16_t* out) { e.store(out); });
 }
 
 // Rows and columns up to which a bin is unrolled.
@@ -339,23 +353,27 @@ void pool_boxes(const uint16_t* proposal, const uint16_t* fmap, uint16_t* roi_re
   if (first_run >= end_run) return;
   const int g_end = end_run * k_block_run < blocks ? end_run * k_block_run : blocks;
 
+  // Strides in elements; the run's in bytes.
+  const ptrdiff_t rs = static_cast<ptrdiff_t>(fmap_w) * k_block;
+  const ptrdiff_t bs = static_cast<ptrdiff_t>(fmap_h) * rs;
+  const ptrdiff_t os = static_cast<ptrdiff_t>(pool_h) * pool_w * k_block;
   run u;
-  u.rs = static_cast<ptrdiff_t>(fmap_w) * k_block;
-  u.bs = static_cast<ptrdiff_t>(fmap_h) * u.rs;
-  u.os = static_cast<ptrdiff_t>(pool_h) * pool_w * k_block;
+  u.rs = rs * 2;
+  u.bs = bs * 2;
+  u.os = os * 2;
 
   bin_span rows[k_tile], cols[k_tile];
   for (int g0 = first_run * k_block_run; g0 < g_end; g0 += k_block_run) {
-    u.nb = blocks - g0 < k_block_run ? blocks - g0 : k_block_run;
-    const uint16_t* map = fmap + static_cast<size_t>(g0) * static_cast<size_t>(u.bs);
+    u.len = (blocks - g0 < k_block_run ? blocks - g0 : k_block_run) * u.os;
+    const uint16_t* map = fmap + static_cast<size_t>(g0) * static_cast<size_t>(bs);
     for (int i = 0; i < roi_num; ++i) {
       const box_bins bb =
           box_to_bins(proposal + static_cast<size_t>(i) * 4, fmap_scale, pool_w, pool_h);
       uint16_t* out = roi_result + static_cast<size_t>(i) * box_stride +
-                      static_cast<size_t>(g0) * static_cast<size_t>(u.os);
+                      static_cast<size_t>(g0) * static_cast<size_t>(os);
       for (int ph0 = 0; ph0 < pool_h; ph0 += k_tile) {
         const int th = pool_h - ph0 < k_tile ? pool_h - ph0 : k_tile;
-        for (int k = 0; k < th; ++k) rows[k] = make_span(bb, true, ph0 + k, fmap_h, u.rs);
+        for (int k = 0; k < th; ++k) rows[k] = make_span(bb, true, ph0 + k, fmap_h, rs);
         for (int pw0 = 0; pw0 < pool_w; pw0 += k_tile) {
           const int tw = pool_w - pw0 < k_tile ? pool_w - pw0 : k_tile;
           for (int k = 0; k < tw; ++k) cols[k] = make_span(bb, false, pw0 + k, fmap_w, k_block);
