@@ -194,9 +194,10 @@ inline const uint16_t* next_row(const uint16_t* q, ptrdiff_t rs) {
 
 // Where a run of one bin goes, in bytes: map rows `rs` apart, channel
 // blocks `bs` apart on the map and `os` apart in the output, `len` = os
-// times the run's number of blocks (at least one).
+// times the run's number of blocks (at least one); `nr` rows per bin.
 struct run {
   ptrdiff_t rs, bs, os, len;
+  int nr;  // rows of the bins of the current bin row
 };
 
 // Calls cell(p, o) for the bin's first position p and output cell o in
@@ -214,7 +215,7 @@ inline void for_blocks(const uint16_t* p, const run& u, uint16_t* o, F cell) {
 
 // NR rows of NC positions, both known.
 template <int NR, int NC, typename V>
-void cells_fixed(const uint16_t* p, const run& u, int, int, uint16_t* o) {
+void cells_fixed(const uint16_t* p, const run& u, int, uint16_t* o) {
   const ptrdiff_t rs = u.rs;
   for_blocks(p, u, o, [rs](const uint16_t* q, uint16_t* out) {
     acc<V> a(q);
@@ -227,10 +228,10 @@ void cells_fixed(const uint16_t* p, const run& u, int, int, uint16_t* o) {
   });
 }
 
-// nr >= 1 rows of NC positions.
+// u.nr >= 1 rows of NC positions.
 template <int NC, typename V>
-void cells_rows(const uint16_t* p, const run& u, int nr, int, uint16_t* o) {
-  const ptrdiff_t rs = u.rs, last = (nr - 1) * u.rs;
+void cells_rows(const uint16_t* p, const run& u, int, uint16_t* o) {
+  const ptrdiff_t rs = u.rs, last = (u.nr - 1) * u.rs;
   for_blocks(p, u, o, [rs, last](const uint16_t* q, uint16_t* out) {
     acc<V> a(q);
     a.template add_row<NC>(q, 1);
@@ -242,11 +243,12 @@ void cells_rows(const uint16_t* p, const run& u, int nr, int, uint16_t* o) {
   });
 }
 
-// nr >= 1 rows of nc >= 2 positions: pairs of positions, the last pair
+// u.nr >= 1 rows of nc >= 2 positions: pairs of positions, the last pair
 // ending at the row's last position (it may overlap the one before).
 template <typename V>
-void cells_pairs(const uint16_t* p, const run& u, int nr, int nc, uint16_t* o) {
+void cells_pairs(const uint16_t* p, const run& u, int nc, uint16_t* o) {
   const ptrdiff_t rs = u.rs, last = static_cast<ptrdiff_t>(nc - 2) * k_block;
+  const int nr = u.nr;
   for_blocks(p, u, o, [rs, last, nr](const uint16_t* q, uint16_t* out) {
     acc<V> a(q), b(q + k_block);
     for (int r = 0; r < nr; ++r, q = step(q, rs)) {
@@ -267,7 +269,7 @@ inline u16x8 empty_value(u16x8) { return u16x8{}; }
 inline i16x8 empty_value(i16x8) { return i16x8{} + INT16_MIN; }
 
 template <typename V>
-void cells_empty(const uint16_t* p, const run& u, int, int, uint16_t* o) {
+void cells_empty(const uint16_t* p, const run& u, int, uint16_t* o) {
   const acc<V> e(empty_value(V{}));
   for_blocks(p, u, o, [&e](const uint16_t*, uint16_t* out) { e.store(out); });
 }
@@ -282,8 +284,8 @@ constexpr int k_max_cols = 8;
 inline int32_t row_class(int n) { return (n <= k_max_rows ? n : k_max_rows + 1) * 10; }
 inline int32_t col_class(int n) { return n <= k_max_cols ? n : k_max_cols + 1; }
 
-// Pools one bin (first position p, nr rows of nc positions) over a run.
-using cell_fn = void (*)(const uint16_t* p, const run& u, int nr, int nc, uint16_t* o);
+// Pools one bin (first position p, u.nr rows of nc positions) over a run.
+using cell_fn = void (*)(const uint16_t* p, const run& u, int nc, uint16_t* o);
 
 template <typename V, int R, int C>
 constexpr cell_fn cell_for() {
@@ -312,7 +314,7 @@ constexpr std::array<cell_fn, (k_max_rows + 2) * 10> k_cells =
 // tiles of k_tile x k_tile bins.
 constexpr int k_tile = 8;
 
-// One bin along one axis: the element offset of its first map row (column)
+// One bin along one axis: the byte offset of its first map row (column)
 // in a channel block, its number of rows (columns) and its size class
 // (row_class, col_class). An empty bin has offset 0, so no pointer leaves
 // the map.
@@ -373,17 +375,18 @@ void pool_boxes(const uint16_t* proposal, const uint16_t* fmap, uint16_t* roi_re
                       static_cast<size_t>(g0) * static_cast<size_t>(os);
       for (int ph0 = 0; ph0 < pool_h; ph0 += k_tile) {
         const int th = pool_h - ph0 < k_tile ? pool_h - ph0 : k_tile;
-        for (int k = 0; k < th; ++k) rows[k] = make_span(bb, true, ph0 + k, fmap_h, rs);
+        for (int k = 0; k < th; ++k) rows[k] = make_span(bb, true, ph0 + k, fmap_h, u.rs);
         for (int pw0 = 0; pw0 < pool_w; pw0 += k_tile) {
           const int tw = pool_w - pw0 < k_tile ? pool_w - pw0 : k_tile;
-          for (int k = 0; k < tw; ++k) cols[k] = make_span(bb, false, pw0 + k, fmap_w, k_block);
+          for (int k = 0; k < tw; ++k) cols[k] = make_span(bb, false, pw0 + k, fmap_w, 2 * k_block);
           for (int ph = 0; ph < th; ++ph) {
             const bin_span& r = rows[ph];
-            const uint16_t* row = map + r.off;
+            const uint16_t* row = next_row(map, r.off);
             const cell_fn* cells = k_cells<V>.data() + r.cls;
+            u.nr = r.n;
             uint16_t* o = out + (static_cast<size_t>(ph0 + ph) * pool_w + pw0) * k_block;
             for (const bin_span *c = cols, *ce = cols + tw; c != ce; ++c, o += k_block)
-              cells[c->cls](row + c->off, u, r.n, c->n, o);
+              cells[c->cls](step(row, c->off), u, c->n, o);
           }
         }
       }
