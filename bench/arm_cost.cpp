@@ -65,9 +65,9 @@ workload on_frame(uint32_t threads, uint32_t depth, std::function<int(vgg16_fram
 }
 
 // A call on an operator workload W; the digest covers its `out`.
-template <typename W>
-workload on_op(std::function<int(W&)> call) {
-  auto w = std::make_shared<W>();
+template <typename W, typename... A>
+workload on_op(std::function<int(W&)> call, A... args) {
+  auto w = std::make_shared<W>(args...);
   return {[w, call] { return call(*w); }, [w](digest& d) { d.add(w->out); }};
 }
 
@@ -92,6 +92,10 @@ const struct {
      }},
     {"roi_pooling", "roi_pooling: 300 ROIs (16..600 px), 512 channels, 38x63, 7x7",
      [](uint32_t) { return on_op<pool_workload>([](pool_workload& w) { return w.run(false); }); }},
+    {"roi_pooling_issue", "roi_pooling: as roi_pooling, ROIs of 30/73/384 px at 5/50/95 pct",
+     [](uint32_t) {
+       return on_op<pool_workload>([](pool_workload& w) { return w.run(false); }, true);
+     }},
     {"roi_pool_stage", "the pooling stage on the roi_pooling workload, --threads workers",
      [](uint32_t t) {
        auto pool = std::shared_ptr<ol::thread_pool>(ol::thread_pool_create(t), ol::thread_pool_destroy);

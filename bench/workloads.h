@@ -109,20 +109,31 @@ inline std::vector<short> random_map(gen& g, size_t n) {
   return m;
 }
 
-// ROI pooling of a VGG16 frame: 300 ROIs with sides log-uniform in 16..600
-// px inside the 600x1000 image, on a 512-channel 38x63 map of 16-channel
-// blocks, 7x7 bins at stride 16 (the workload of ops_pool_bench.cpp).
+// ROI pooling of a VGG16 frame: 300 ROIs inside the 600x1000 image, on a
+// 512-channel 38x63 map of 16-channel blocks, 7x7 bins at stride 16 (the
+// workload of ops_pool_bench.cpp). Box sides are log-uniform in 16..600 px,
+// or with `realistic` log-normal around a 73 px median with the 5th and 95th
+// percentiles at about 30 and 384 px (as a trained RPN's proposals).
 struct pool_workload {
   static constexpr int img_h = 600, img_w = 1000, map_h = 38, map_w = 63, depth = 512, pool = 7,
                        stride = 16, rois = 300;
   std::vector<uint16_t> boxes, fmap, out;
-  pool_workload() {
+  explicit pool_workload(bool realistic = false) {
     gen g(42 * 0x9E3779B97F4A7C15ull + 1);
     fmap.resize(static_cast<size_t>(depth) * map_h * map_w);
     for (auto& e : fmap) e = static_cast<uint16_t>(g.next());
+    auto side = [&g, realistic](float limit) {
+      if (!realistic) return std::min(expf(g.uniform(logf(16.f), logf(600.f))), limit);
+      // Standard normal (Box-Muller), then a log-normal with a wider upper tail:
+      // ln(73/30) and ln(384/73) over the 95% quantile 1.645.
+      const float u = g.uniform(1e-7f, 1.f), v = g.uniform(0.f, 1.f);
+      const float z = sqrtf(-2.f * logf(u)) * cosf(6.2831853f * v);
+      const float sigma = z < 0 ? 0.5405f : 1.0095f;
+      return std::min(std::max(73.f * expf(sigma * z), 1.f), limit);
+    };
     for (int r = 0; r < rois; ++r) {
-      const float w = std::min(expf(g.uniform(logf(16.f), logf(600.f))), float(img_w));
-      const float h = std::min(expf(g.uniform(logf(16.f), logf(600.f))), float(img_h));
+      const float w = side(float(img_w));
+      const float h = side(float(img_h));
       const float x1 = g.uniform(0, img_w - w), y1 = g.uniform(0, img_h - h);
       for (float v : {x1, y1, x1 + w - 1, y1 + h - 1})
         boxes.push_back(opt_layers_half::from_float_round(v));

@@ -18,6 +18,9 @@
 #include <stddef.h>
 #include <stdint.h>
 
+#include <array>
+#include <utility>
+
 #include "brennik_opt_layers.h"
 #include "common/box.h"
 #include "ops/roi_pooling_kernels.h"
@@ -128,21 +131,23 @@ inline void bin_bounds(int16_t start, int32_t bin, int p, int n, int* first, int
 // idempotent, so the accumulators start from the bin's first position (no
 // empty-bin value to merge) and a long row may be covered by overlapping
 // pairs of positions. A bin has the same shape in every channel block, so
-// each cell function pools one bin over a run of `nb` channel blocks: the
+// each cell function pools one bin over a run of channel blocks: the
 // switch on the bin's shape is paid once per run, not once per cell. Bins
-// of up to 3 x 3 positions are unrolled completely, rows of up to
-// k_max_cols positions are unrolled, longer rows run over pairs. NB is the
-// run length when it is the usual k_block_run (0: u.nb).
+// of up to k_max_rows x k_max_cols positions are unrolled completely, taller
+// ones loop over rows of up to k_max_cols unrolled positions, wider rows run
+// over pairs.
 //
 // Generated aarch64 code (GCC 12 -O3): a covered map position costs one
 // `ldp q, q` and two `umax` / `smax` (the bin's first position only the
-// `ldp`); a cell adds its `stp q, q`, two `add`s to step to the next block
-// and output cell and the run loop's `subs` + `b.ne`, and a bin row after
-// the first an `add` (plus `cmp` and a branch for bins of four rows or
-// more). On the roi_pooling workload of bench/arm_cost.cpp (6.2 positions
-// per cell) that is about 33 instructions per 16-lane cell, of which about
-// 19 are the loads and maxima. x86-64 is the same with `movdqu` loads and
-// `pmaxuw` / `pmaxsw`.
+// `ldp`); a cell adds its `stp q, q`, one `add` per bin row after the first
+// (the row pointer), two `add`s to step to the next block and output cell
+// and the block loop's `cmp` + `b.ne`. A bin costs, once per run, about 14
+// instructions of table call and 3 of loop set-up, and a box its bin bounds.
+// On the roi_pooling workload of bench/arm_cost.cpp (6.2 positions per
+// cell) that is about 29 instructions per 16-lane cell: 17.6 loads, maxima
+// and the store, 5.6 of block and row stepping, about 4 per bin and box
+// spread over the run's 8 blocks. x86-64 is the same with `movdqu` loads and
+// `pmaxuw` / `pmaxsw`, rows addressed from the bin's first one.
 
 // The running maximum of one cell: the 16 lanes of a map position in
 // k_vecs vectors.
@@ -160,6 +165,11 @@ struct acc {
   void add(const uint16_t* p) {
     for (int i = 0; i < k_vecs; ++i) v[i] = vmax(v[i], load_vec<V>(p + i * k_lanes));
   }
+  // Positions [from, NC) of the row at q.
+  template <int NC>
+  void add_row(const uint16_t* q, int from = 0) {
+    for (int c = from; c < NC; ++c) add(q + c * k_block);
+  }
   void merge(const acc& b) {
     for (int i = 0; i < k_vecs; ++i) v[i] = vmax(v[i], b.v[i]);
   }
@@ -168,49 +178,85 @@ struct acc {
   }
 };
 
-// Where a run of one bin goes: map rows `rs` apart, channel blocks `bs`
-// apart on the map and `os` apart in the output, nb >= 1 blocks.
+// p moved by `bytes` bytes.
+inline const uint16_t* step(const uint16_t* p, ptrdiff_t bytes) {
+  return reinterpret_cast<const uint16_t*>(reinterpret_cast<const char*>(p) + bytes);
+}
+inline uint16_t* step(uint16_t* p, ptrdiff_t bytes) {
+  return reinterpret_cast<uint16_t*>(reinterpret_cast<char*>(p) + bytes);
+}
+
+// Steps a row pointer by `rs` bytes. On aarch64 the pointer is kept in a
+// register of its own, so that a position is one `ldp q, q` from it: left
+// alone, GCC folds the row offsets into pairs of register-offset `ldr q`.
+inline const uint16_t* next_row(const uint16_t* q, ptrdiff_t rs) {
+  q = step(q, rs);
+#if defined(__aarch64__)
+  __asm__("" : "+r"(q));
+#endif
+  return q;
+}
+
+// Where a run of one bin goes, in bytes: map rows `rs` apart, channel
+// blocks `bs` apart on the map and `os` apart in the output, `len` = os
+// times the run's number of blocks (at least one); `nr` rows per bin.
 struct run {
-  ptrdiff_t rs, bs, os;
-  int nb;
+  ptrdiff_t rs, bs, os, len;
+  int nr;  // rows of the bins of the current bin row
 };
 
+// Calls cell(p, o) for the bin's first position p and output cell o in
+// every channel block of the run.
+template <typename F>
+inline void for_blocks(const uint16_t* p, const run& u, uint16_t* o, F cell) {
+  const ptrdiff_t bs = u.bs, os = u.os;  // in registers: the stores may alias u
+  uint16_t* const end = step(o, u.len);
+  do {
+    cell(p, o);
+    p = step(p, bs);
+    o = step(o, os);
+  } while (o != end);
+}
+
 // NR rows of NC positions, both known.
-template <int NB, int NR, int NC, typename V>
-void cells_fixed(const uint16_t* p, const run& u, int, int, uint16_t* o) {
-  for (int g = 0; g < (NB ? NB : u.nb); ++g, p += u.bs, o += u.os) {
-    acc<V> a(p);
-    for (int c = 1; c < NC; ++c) a.add(p + c * k_block);
-    for (int r = 1; r < NR; ++r)
-      for (int c = 0; c < NC; ++c) a.add(p + r * u.rs + c * k_block);
-    a.store(o);
-  }
-}
-
-// nr >= 1 rows of NC positions.
-template <int NB, int NC, typename V>
-void cells_rows(const uint16_t* p, const run& u, int nr, int, uint16_t* o) {
-  for (int g = 0; g < (NB ? NB : u.nb); ++g, p += u.bs, o += u.os) {
-    acc<V> a(p);
-    for (int c = 1; c < NC; ++c) a.add(p + c * k_block);
-    const uint16_t* q = p;
-    for (int r = 1; r < nr; ++r) {
-      q += u.rs;
-      for (int c = 0; c < NC; ++c) a.add(q + c * k_block);
+template <int NR, int NC, typename V>
+void cells_fixed(const uint16_t* p, const run& u, int, uint16_t* o) {
+  const ptrdiff_t rs = u.rs;
+  for_blocks(p, u, o, [rs](const uint16_t* q, uint16_t* out) {
+    acc<V> a(q);
+    a.template add_row<NC>(q, 1);
+    for (int r = 1; r < NR; ++r) {
+      q = next_row(q, rs);
+      a.template add_row<NC>(q);
     }
-    a.store(o);
-  }
+    a.store(out);
+  });
 }
 
-// nr >= 1 rows of nc >= 2 positions: pairs of positions, the last pair
+// u.nr >= 1 rows of NC positions.
+template <int NC, typename V>
+void cells_rows(const uint16_t* p, const run& u, int, uint16_t* o) {
+  const ptrdiff_t rs = u.rs, last = (u.nr - 1) * u.rs;
+  for_blocks(p, u, o, [rs, last](const uint16_t* q, uint16_t* out) {
+    acc<V> a(q);
+    a.template add_row<NC>(q, 1);
+    for (const uint16_t* const qe = step(q, last); q != qe;) {
+      q = next_row(q, rs);
+      a.template add_row<NC>(q);
+    }
+    a.store(out);
+  });
+}
+
+// u.nr >= 1 rows of nc >= 2 positions: pairs of positions, the last pair
 // ending at the row's last position (it may overlap the one before).
 template <typename V>
-void cells_pairs(const uint16_t* p, const run& u, int nr, int nc, uint16_t* o) {
-  const ptrdiff_t last = static_cast<ptrdiff_t>(nc - 2) * k_block;
-  for (int g = 0; g < u.nb; ++g, p += u.bs, o += u.os) {
-    acc<V> a(p), b(p + k_block);
-    const uint16_t* q = p;
-    for (int r = 0; r < nr; ++r, q += u.rs) {
+void cells_pairs(const uint16_t* p, const run& u, int nc, uint16_t* o) {
+  const ptrdiff_t rs = u.rs, last = static_cast<ptrdiff_t>(nc - 2) * k_block;
+  const int nr = u.nr;
+  for_blocks(p, u, o, [rs, last, nr](const uint16_t* q, uint16_t* out) {
+    acc<V> a(q), b(q + k_block);
+    for (int r = 0; r < nr; ++r, q = step(q, rs)) {
       for (ptrdiff_t i = r ? 0 : 2 * k_block; i < last; i += 2 * k_block) {
         a.add(q + i);
         b.add(q + i + k_block);
@@ -219,51 +265,53 @@ void cells_pairs(const uint16_t* p, const run& u, int nr, int nc, uint16_t* o) {
       b.add(q + last + k_block);
     }
     a.merge(b);
-    a.store(o);
-  }
+    a.store(out);
+  });
 }
+
+// The value of an empty bin: the least 16-bit value of the comparison.
+inline u16x8 empty_value(u16x8) { return u16x8{}; }
+inline i16x8 empty_value(i16x8) { return i16x8{} + INT16_MIN; }
 
 template <typename V>
-void cells_empty(V empty, const run& u, uint16_t* o) {
-  const acc<V> e(empty);
-  for (int g = 0; g < u.nb; ++g, o += u.os) e.store(o);
+void cells_empty(const uint16_t* p, const run& u, int, uint16_t* o) {
+  const acc<V> e(empty_value(V{}));
+  for_blocks(p, u, o, [&e](const uint16_t*, uint16_t* out) { e.store(out); });
 }
 
-// Columns up to which a bin's row is unrolled.
+// Rows and columns up to which a bin is unrolled.
+constexpr int k_max_rows = 5;
 constexpr int k_max_cols = 8;
 
-// Size classes of a bin: rows 1, 2, 3, or 4 for four rows or more, times
-// 10; columns 1 to k_max_cols, or k_max_cols + 1 for more. A bin's code is
-// the sum of its two classes; an empty bin's (no row or no column) is 100 or
-// more, or a multiple of 10.
-inline int32_t row_class(int n) { return n == 0 ? 100 : (n < 4 ? n : 4) * 10; }
+// Size classes of a bin: rows 0 to k_max_rows, or k_max_rows + 1 for more,
+// times 10; columns 0 to k_max_cols, or k_max_cols + 1 for more. A bin's
+// code is the sum of its two classes and picks its cell function.
+inline int32_t row_class(int n) { return (n <= k_max_rows ? n : k_max_rows + 1) * 10; }
 inline int32_t col_class(int n) { return n <= k_max_cols ? n : k_max_cols + 1; }
 
-template <int NB, typename V>
-inline void pool_bin(const uint16_t* p, const run& u, int nr, int nc, int32_t code, V empty,
-                     uint16_t* o) {
-  switch (code) {
-    case 11: return cells_fixed<NB, 1, 1, V>(p, u, nr, nc, o);
-    case 12: return cells_fixed<NB, 1, 2, V>(p, u, nr, nc, o);
-    case 13: return cells_fixed<NB, 1, 3, V>(p, u, nr, nc, o);
-    case 21: return cells_fixed<NB, 2, 1, V>(p, u, nr, nc, o);
-    case 22: return cells_fixed<NB, 2, 2, V>(p, u, nr, nc, o);
-    case 23: return cells_fixed<NB, 2, 3, V>(p, u, nr, nc, o);
-    case 31: return cells_fixed<NB, 3, 1, V>(p, u, nr, nc, o);
-    case 32: return cells_fixed<NB, 3, 2, V>(p, u, nr, nc, o);
-    case 33: return cells_fixed<NB, 3, 3, V>(p, u, nr, nc, o);
-    case 41: return cells_rows<NB, 1, V>(p, u, nr, nc, o);
-    case 42: return cells_rows<NB, 2, V>(p, u, nr, nc, o);
-    case 43: return cells_rows<NB, 3, V>(p, u, nr, nc, o);
-    case 14: case 24: case 34: case 44: return cells_rows<NB, 4, V>(p, u, nr, nc, o);
-    case 15: case 25: case 35: case 45: return cells_rows<NB, 5, V>(p, u, nr, nc, o);
-    case 16: case 26: case 36: case 46: return cells_rows<NB, 6, V>(p, u, nr, nc, o);
-    case 17: case 27: case 37: case 47: return cells_rows<NB, 7, V>(p, u, nr, nc, o);
-    case 18: case 28: case 38: case 48: return cells_rows<NB, 8, V>(p, u, nr, nc, o);
-    case 19: case 29: case 39: case 49: return cells_pairs<V>(p, u, nr, nc, o);
-    default: return cells_empty(empty, u, o);
-  }
+// Pools one bin (first position p, u.nr rows of nc positions) over a run.
+using cell_fn = void (*)(const uint16_t* p, const run& u, int nc, uint16_t* o);
+
+template <typename V, int R, int C>
+constexpr cell_fn cell_for() {
+  if constexpr (R == 0 || C == 0)
+    return cells_empty<V>;
+  else if constexpr (C > k_max_cols)
+    return cells_pairs<V>;
+  else if constexpr (R > k_max_rows)
+    return cells_rows<C, V>;
+  else
+    return cells_fixed<R, C, V>;
 }
+
+// The cell function of every code: one indirect call per bin and run.
+template <typename V, size_t... I>
+constexpr std::array<cell_fn, sizeof...(I)> make_cell_table(std::index_sequence<I...>) {
+  return {{cell_for<V, static_cast<int>(I / 10), static_cast<int>(I % 10)>()...}};
+}
+template <typename V>
+constexpr std::array<cell_fn, (k_max_rows + 2) * 10> k_cells =
+    make_cell_table<V>(std::make_index_sequence<(k_max_rows + 2) * 10>());
 
 // ---- boxes --------------------------------------------------------------------
 
@@ -271,7 +319,7 @@ inline void pool_bin(const uint16_t* p, const run& u, int nr, int nc, int32_t co
 // tiles of k_tile x k_tile bins.
 constexpr int k_tile = 8;
 
-// One bin along one axis: the element offset of its first map row (column)
+// One bin along one axis: the byte offset of its first map row (column)
 // in a channel block, its number of rows (columns) and its size class
 // (row_class, col_class). An empty bin has offset 0, so no pointer leaves
 // the map.
@@ -296,7 +344,7 @@ constexpr int k_block_run = 8;
 template <typename V>
 void pool_boxes(const uint16_t* proposal, const uint16_t* fmap, uint16_t* roi_result,
                 size_t box_stride, int roi_num, int pool_w, int pool_h, int fmap_scale,
-                int fmap_h, int fmap_w, int fmap_d, int first_run, int end_run, V empty) {
+                int fmap_h, int fmap_w, int fmap_d, int first_run, int end_run) {
   if (roi_num < 1) return;
   const int blocks = fmap_d / k_block;  // whole channel blocks only
   // fmap_scale < 1 would divide by zero or mirror the box: nothing is written.
@@ -312,37 +360,38 @@ void pool_boxes(const uint16_t* proposal, const uint16_t* fmap, uint16_t* roi_re
   if (first_run >= end_run) return;
   const int g_end = end_run * k_block_run < blocks ? end_run * k_block_run : blocks;
 
+  // Strides in elements; the run's in bytes.
+  const ptrdiff_t rs = static_cast<ptrdiff_t>(fmap_w) * k_block;
+  const ptrdiff_t bs = static_cast<ptrdiff_t>(fmap_h) * rs;
+  const ptrdiff_t os = static_cast<ptrdiff_t>(pool_h) * pool_w * k_block;
   run u;
-  u.rs = static_cast<ptrdiff_t>(fmap_w) * k_block;
-  u.bs = static_cast<ptrdiff_t>(fmap_h) * u.rs;
-  u.os = static_cast<ptrdiff_t>(pool_h) * pool_w * k_block;
+  u.rs = rs * 2;
+  u.bs = bs * 2;
+  u.os = os * 2;
 
   bin_span rows[k_tile], cols[k_tile];
   for (int g0 = first_run * k_block_run; g0 < g_end; g0 += k_block_run) {
-    u.nb = blocks - g0 < k_block_run ? blocks - g0 : k_block_run;
-    const uint16_t* map = fmap + static_cast<size_t>(g0) * static_cast<size_t>(u.bs);
+    u.len = (blocks - g0 < k_block_run ? blocks - g0 : k_block_run) * u.os;
+    const uint16_t* map = fmap + static_cast<size_t>(g0) * static_cast<size_t>(bs);
     for (int i = 0; i < roi_num; ++i) {
       const box_bins bb =
           box_to_bins(proposal + static_cast<size_t>(i) * 4, fmap_scale, pool_w, pool_h);
       uint16_t* out = roi_result + static_cast<size_t>(i) * box_stride +
-                      static_cast<size_t>(g0) * static_cast<size_t>(u.os);
+                      static_cast<size_t>(g0) * static_cast<size_t>(os);
       for (int ph0 = 0; ph0 < pool_h; ph0 += k_tile) {
         const int th = pool_h - ph0 < k_tile ? pool_h - ph0 : k_tile;
         for (int k = 0; k < th; ++k) rows[k] = make_span(bb, true, ph0 + k, fmap_h, u.rs);
         for (int pw0 = 0; pw0 < pool_w; pw0 += k_tile) {
           const int tw = pool_w - pw0 < k_tile ? pool_w - pw0 : k_tile;
-          for (int k = 0; k < tw; ++k) cols[k] = make_span(bb, false, pw0 + k, fmap_w, k_block);
+          for (int k = 0; k < tw; ++k) cols[k] = make_span(bb, false, pw0 + k, fmap_w, 2 * k_block);
           for (int ph = 0; ph < th; ++ph) {
             const bin_span& r = rows[ph];
+            const uint16_t* row = next_row(map, r.off);
+            const cell_fn* cells = k_cells<V>.data() + r.cls;
+            u.nr = r.n;
             uint16_t* o = out + (static_cast<size_t>(ph0 + ph) * pool_w + pw0) * k_block;
-            for (int pw = 0; pw < tw; ++pw, o += k_block) {
-              const bin_span& c = cols[pw];
-              const uint16_t* p = map + r.off + c.off;
-              if (u.nb == k_block_run)
-                pool_bin<k_block_run, V>(p, u, r.n, c.n, r.cls + c.cls, empty, o);
-              else
-                pool_bin<0, V>(p, u, r.n, c.n, r.cls + c.cls, empty, o);
-            }
+            for (const bin_span *c = cols, *ce = cols + tw; c != ce; ++c, o += k_block)
+              cells[c->cls](step(row, c->off), u, c->n, o);
           }
         }
       }
@@ -392,11 +441,11 @@ void roi_pool_boxes(bool is_signed, const uint16_t* proposal, const uint16_t* fm
                     int fmap_scale, int fmap_h, int fmap_w, int fmap_d, int first_run,
                     int end_run) {
   if (is_signed)
-    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
-               fmap_w, fmap_d, first_run, end_run, i16x8{} + INT16_MIN);
+    pool_boxes<i16x8>(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
+               fmap_w, fmap_d, first_run, end_run);
   else
-    pool_boxes(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
-               fmap_w, fmap_d, first_run, end_run, u16x8{});
+    pool_boxes<u16x8>(proposal, fmap, roi_result, box_stride, roi_num, pool_w, pool_h, fmap_scale, fmap_h,
+               fmap_w, fmap_d, first_run, end_run);
 }
 
 }  // namespace ol
