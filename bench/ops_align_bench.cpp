@@ -18,25 +18,16 @@
 #include "brennik_opt_layers.h"
 #include "ops/ps_roi_pooling_kernels.h"
 #include "ops/roi_align_kernels.h"
+#include "workloads.h"
 
 namespace {
 
 using ol::bilinear_kernel;
 using ol::ps_path;
 
-// Deterministic generator (xorshift).
-struct gen {
-  uint64_t s = 0x9E3779B97F4A7C15ull;
-  uint32_t next() {
-    s ^= s << 13;
-    s ^= s >> 7;
-    s ^= s << 17;
-    return uint32_t(s >> 11);
-  }
-  float uniform(float lo, float hi) {
-    return lo + (hi - lo) * float(next() & 0xFFFFFF) / 16777216.0f;
-  }
-};
+using ol_bench::gen;
+using ol_bench::image_boxes;
+using ol_bench::random_map;
 
 // CPU time of the calling thread: the machine is shared, so wall time would
 // count other processes' work.
@@ -91,26 +82,6 @@ void BM_memcpy_512MiB(benchmark::State& st) {
 }
 BENCHMARK(BM_memcpy_512MiB)->Unit(benchmark::kMillisecond);
 
-// An 800 x 1344 image; boxes with sides log-uniform in [lo, hi] pixels,
-// inside the image.
-std::vector<float> image_boxes(gen& g, int n, float lo, float hi) {
-  const float img_w = 1344, img_h = 800;
-  std::vector<float> b;
-  for (int i = 0; i < n; ++i) {
-    const float w = std::min(img_w - 1, expf(g.uniform(logf(lo), logf(hi))));
-    const float h = std::min(img_h - 1, expf(g.uniform(logf(lo), logf(hi))));
-    const float x = g.uniform(0, img_w - w), y = g.uniform(0, img_h - h);
-    b.insert(b.end(), {x, y, x + w, y + h});
-  }
-  return b;
-}
-
-std::vector<short> random_map(gen& g, size_t n) {
-  std::vector<short> m(n);
-  for (short& v : m) v = short(g.next());
-  return m;
-}
-
 // Distinct map cells read, for the traffic figures (computed apart from the
 // operators; a cell more or less does not matter here).
 struct cell_set {
@@ -140,16 +111,8 @@ void touch_align(cell_set& cs, const float* b, unsigned s, unsigned pool) {
 }
 
 // --- roi_align_fmap_int16: 300 ROIs, 256 channels, 50 x 84 map (stride 16), 7 x 7.
-struct align_one_data {
-  std::vector<short> map = [] {
-    gen g;
-    return random_map(g, size_t(50) * 84 * 256);
-  }();
-  std::vector<float> boxes = [] {
-    gen g;
-    return image_boxes(g, 300, 32, 600);
-  }();
-  std::vector<short> out = std::vector<short>(size_t(300) * 49 * 256);
+struct align_one_data : ol_bench::align_workload {
+  align_one_data() { out.resize(size_t(300) * 49 * 256); }
   double read_bytes(unsigned pool_cells) const {  // touched by 7 x 7 ROI align
     cell_set cs(84, 50);
     for (size_t b = 0; b < boxes.size(); b += 4) touch_align(cs, &boxes[b], 16, pool_cells);
@@ -175,18 +138,7 @@ BENCHMARK_CAPTURE(BM_roi_align_300x256ch_7x7, scalar, bilinear_kernel::scalar)
 
 // --- roi_align_four_fmap_int16: 1,000 ROIs over strides 8, 16, 32 of an
 // 800 x 1344 image (100 x 168, 50 x 84, 25 x 42 maps), 256 channels, 7 x 7.
-struct align_four_data {
-  std::vector<short> maps[3];
-  std::vector<float> boxes;
-  std::vector<short> out = std::vector<short>(size_t(1000) * 49 * 256);
-  unsigned scales[3] = {8, 16, 32};
-  align_four_data() {
-    gen g;
-    for (int k = 0; k < 3; ++k)
-      maps[k] = random_map(g, size_t(800 / scales[k]) * (1344 / scales[k]) * 256);
-    boxes = image_boxes(g, 1000, 32, 800);  // about a third per level
-  }
-};
+using align_four_data = ol_bench::align_four_workload;
 
 void BM_roi_align_four_1000x256ch_7x7(benchmark::State& st, bilinear_kernel k) {
   static align_four_data d;
