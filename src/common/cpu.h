@@ -17,21 +17,21 @@ inline bool cpu_force_baseline = false;
 
 namespace ol {
 
-inline bool cpu_has_fma() {
-  static const bool has = [] {
+// What the processor supports, read once.
+struct cpu_features {
+  bool fma, avx2;
+};
+
+inline const cpu_features& cpu_detected() {
+  static const cpu_features f = [] {
     __builtin_cpu_init();
-    return __builtin_cpu_supports("fma") != 0;
+    return cpu_features{__builtin_cpu_supports("fma") != 0, __builtin_cpu_supports("avx2") != 0};
   }();
-  return has && !cpu_force_baseline;
+  return f;
 }
 
-inline bool cpu_has_avx2() {
-  static const bool has = [] {
-    __builtin_cpu_init();
-    return __builtin_cpu_supports("avx2") != 0;
-  }();
-  return has && !cpu_force_baseline;
-}
+inline bool cpu_has_fma() { return cpu_detected().fma && !cpu_force_baseline; }
+inline bool cpu_has_avx2() { return cpu_detected().avx2 && !cpu_force_baseline; }
 
 }  // namespace ol
 

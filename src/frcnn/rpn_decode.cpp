@@ -258,6 +258,14 @@ int32_t decode_task_func(void* arg) {
   return 0;
 }
 
+// Prints the message of an unsupported bbox_type (checked once per batch,
+// before any candidate is decoded).
+bool bbox_type_supported(uint32_t bbox_type) {
+  if (bbox_type <= 1) return true;
+  printf("Unsupport bbox type: %u\n", bbox_type);
+  return false;
+}
+
 // The first batch is cut into runs of at least k_decode_run candidates, at
 // most k_decode_tasks of them (the count depends on the batch alone).
 constexpr uint32_t k_decode_tasks = 4;
@@ -271,10 +279,7 @@ int rpn_decode_batch(const rpn_decode_params& p, uint16_t* out, const uint32_t* 
     *dropped = 0;
     return 0;
   }
-  if (p.bbox_type > 1) {
-    printf("Unsupport bbox type: %u\n", p.bbox_type);
-    return -1;
-  }
+  if (!bbox_type_supported(p.bbox_type)) return -1;
   *dropped = decode_run(p, out, order, count);
   return 0;
 }
@@ -297,15 +302,13 @@ int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_
   p.apply_scale = d.is_apply_bbox_scale_factor;
   p.bbox_scale_factor = &d.bbox_scale_factor.center_x;
   const bool use_qsort = d.is_use_qsort;
-  if (n > 0 && p.bbox_type > 1) {
-    printf("Unsupport bbox type: %u\n", p.bbox_type);
-    return -1;
-  }
+  if (n > 0 && !bbox_type_supported(p.bbox_type)) return -1;
 
   // First batch: runs of consecutive candidates on the pool (a refused run
-  // is decoded here, and refusals print one line for the whole batch), each writing its kept records from the start of its
-  // own span of detections; the spans are then closed up in order, so the
-  // records are those of one serial pass.
+  // is decoded here, and refusals print one line for the whole batch), each
+  // writing its kept records from the start of its own span of detections;
+  // the spans are then closed up in order, so the records are those of one
+  // serial pass.
   uint32_t parts = (n + k_decode_run - 1) / k_decode_run;
   parts = parts < 1 ? 1 : parts > k_decode_tasks ? k_decode_tasks : parts;
   decode_task runs[k_decode_tasks];
@@ -327,7 +330,7 @@ int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_
   for (uint32_t k = 0; k < parts; ++k) {
     const uint32_t kept = runs[k].count - runs[k].dropped;
     uint16_t* to = ctx->detections + static_cast<size_t>(K) * 5;
-    if (to != runs[k].out) memmove(to, runs[k].out, static_cast<size_t>(kept) * 5 * sizeof(uint16_t));
+    if (to != runs[k].out) memmove(to, runs[k].out, size_t{kept} * 5 * sizeof(uint16_t));
     K += kept;
   }
 

@@ -25,11 +25,9 @@ inline uint32_t filter_row(uint16_t T, const uint16_t* row, uint32_t W, uint32_t
       const i16x8 mag = h & 0x7FFF;
       const i16x8 sign = h >> 15;  // 0 or -1
       const i16x8 keep = (((mag ^ sign) - sign) > key_t) & (mag <= 0x7C00);
-      uint64_t any;
-      memcpy(&any, &keep, sizeof any);  // the low four lanes
-      uint64_t any_hi;
-      memcpy(&any_hi, reinterpret_cast<const char*>(&keep) + 8, sizeof any_hi);
-      if ((any | any_hi) == 0) continue;
+      uint64_t words[2];
+      memcpy(words, &keep, sizeof words);
+      if ((words[0] | words[1]) == 0) continue;
       for (uint32_t j = 0; j < 8; ++j) {
         scores[m] = row[x + j];
         positions[m] = position + x + j;
