@@ -17,6 +17,12 @@ endif()
 function(ol_target_flags target)
   target_compile_options(${target} PRIVATE ${OL_WARN_FLAGS} ${OL_FP_FLAGS} ${OL_ARCH_FLAGS})
   ol_sanitize(${target})
+  # ASan and TSan builds compile everything but the library at -O1 with line
+  # tables only: enough for symbolised reports, in half the compile time. The
+  # library keeps the build type's optimisation.
+  if(OL_SANITIZE MATCHES "^(address|thread)$" AND NOT target STREQUAL "ol_objects")
+    target_compile_options(${target} PRIVATE -O1 -g1)
+  endif()
 endfunction()
 
 # Objects of `target` are rebuilt when the coverage ignorelist changes (the
