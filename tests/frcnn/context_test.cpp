@@ -12,6 +12,8 @@
 #include <string.h>
 
 #include <atomic>
+#include <set>
+#include <sstream>
 #include <string>
 
 #include "common/alloc.h"
@@ -90,7 +92,14 @@ TEST(version, reports_the_library) {
 TEST(global_context, init_twice_exit_without_init_and_reinit) {
   std::vector<float> anchors = ol_test::base_anchors_9();
   frcnn_desc d = ol_test::mobile_desc(2, false);
-  EXPECT_EQ(ol_test::printed(opt_layers_frcnn_exit), "frcnn handle is NULL for exit\n");
+  ol::frcnn_context unset;  // exit of a context never initialised frees nothing
+  memset(&unset, 0, sizeof unset);
+  EXPECT_EQ(ol_test::printed([&] {
+              opt_layers_frcnn_exit();
+              opt_layers_instance_frcnn_exit(&unset);
+              opt_layers_instance_frcnn_exit(nullptr);
+            }),
+            "frcnn handle is NULL for exit\nopt_layers library is not inited\nfrcnn handle is NULL for exit\n");
   ASSERT_EQ(opt_layers_frcnn_init(&d, anchors.data()), 0);
   ol::frcnn_context* first = ol::global_context();
   EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_init(&d, anchors.data()), -1); }),
@@ -185,32 +194,70 @@ TEST(frcnn_desc, flag_bits_and_dump) {
 }
 
 
-// Refused configurations print their reasons in both forms (the global one
-// adds its own line). 32 threads are accepted; a quiet init and exit print
-// nothing, and is_debug dumps the descriptor first.
+// Refused configurations in both forms: init prints the reason (the global
+// form adds its own line), never asks the heap for 64 MiB or more, leaves
+// the caller's record alone and no thread behind. Buffers of 4 GiB or more,
+// or whose 32-bit size products wrap, are refused with the message of that
+// buffer; huge counts that size no buffer (message NULL) are accepted.
 TEST(global_context, refused_configurations_print_their_reasons) {
   std::vector<float> anchors = ol_test::base_anchors_9();
   const int before = ol_test::quiet_threads();
-  frcnn_desc d = ol_test::mobile_desc(1, false);
   const struct {
     int threads;  // -1: no descriptor
+    uint32_t anchor_num, fmap_h, fmap_w, pre_nms_num, post_nms_num, class_num;
     const char* message;
-  } refused[] = {{-1, "Invalid frcnn desc pointer NULL\n"},
-                 {0, "thread number 0 less than 1\ncreate thread pool err\n"},
-                 {33, "thread number 33 exceed max 32\ncreate thread pool err\n"}};
-  for (const auto& c : refused) {
-    d.thread_num = static_cast<uint8_t>(c.threads);
-    frcnn_desc* p = c.threads < 0 ? nullptr : &d;
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_instance_frcnn_init(p, anchors.data()), nullptr);
-    EXPECT_EQ(opt_layers_frcnn_init(p, anchors.data()), -1);
-    EXPECT_EQ(cap.end(), std::string(c.message) + c.message + "frcnn_init err\n");
-  }
-  EXPECT_EQ(ol::global_context(), nullptr);
-  EXPECT_EQ(settled_threads(before), before);
+  } cases[] = {
+      {-1, 3, 8, 10, 100, 30, 4, "Invalid frcnn desc pointer NULL\n"},
+      {0, 3, 8, 10, 100, 30, 4, "thread number 0 less than 1\ncreate thread pool err\n"},
+      {33, 3, 8, 10, 100, 30, 4, "thread number 33 exceed max 32\ncreate thread pool err\n"},
+      {2, 0x10000, 0x10000, 1, 100, 30, 4, "malloc for anchors err\n"},  // positions wrap to 0
+      {2, 1, 0x10000, 0x1000, 100, 30, 4, "malloc for anchors err\n"},   // exactly 4 GiB
+      {2, ~0u, ~0u, ~0u, 100, 30, 4, "malloc for anchors err\n"},
+      {2, 3, 8, 10, 0x1999999A, 30, 4, "malloc for detections err\n"},
+      {2, 3, 8, 10, 100, 0x10000, 0x1000, "malloc for anchors err\n"},  // head boxes wrap
+      {2, 0x40000000, 0, 10, 100, 30, 4, nullptr},
+      {2, 3, 8, 10, 100, 0x7FFFFFFF, 0, nullptr},
+  };
+  for (bool qsort : {true, false})
+    for (const auto& c : cases) {
+      SCOPED_TRACE(testing::Message() << c.threads << " " << c.anchor_num << " " << c.pre_nms_num << " " << qsort);
+      frcnn_desc d = ol_test::robust_desc(static_cast<uint8_t>(c.threads), qsort);
+      d.anchor_num = c.anchor_num;
+      d.fmap_h = c.fmap_h;
+      d.fmap_w = c.fmap_w;
+      d.pre_nms_num = c.pre_nms_num;
+      d.post_nms_num = c.post_nms_num;
+      d.class_num = c.class_num;
+      const frcnn_desc copy = d;
+      frcnn_desc* p = c.threads < 0 ? nullptr : &d;
+      size_t largest = 0;
+      const ol::alloc_hooks hooks{[](size_t bytes, void* l) {  // keeps the largest size asked
+                                    *static_cast<size_t*>(l) = std::max(*static_cast<size_t*>(l), bytes);
+                                    return true;
+                                  },
+                                  &largest};
+      void* hd = nullptr;
+      const std::string out = ol_test::printed([&] {
+        ol::set_alloc_hooks(&hooks);
+        hd = opt_layers_instance_frcnn_init(p, anchors.data());
+        ol::set_alloc_hooks(nullptr);
+      });
+      EXPECT_EQ(out, c.message ? c.message : "");
+      EXPECT_EQ(hd == nullptr, c.message != nullptr);
+      EXPECT_LT(largest, 64u << 20);
+      EXPECT_EQ(memcmp(&d, &copy, sizeof d), 0);
+      if (hd) opt_layers_instance_frcnn_exit(hd);
+      if (!c.message) continue;
+      EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_init(p, anchors.data()), -1); }),
+                std::string(c.message) + "frcnn_init err\n");
+      EXPECT_EQ(ol::global_context(), nullptr);
+      EXPECT_EQ(settled_threads(before), before);
+    }
+  // 32 threads are accepted; a quiet init and exit print nothing, and
+  // is_debug dumps the descriptor first.
   const std::string dump_start = "[FRCNN_DESC] ThreadN: 1, AnchorN: 9";
   for (uint8_t threads : {32, 1}) {
-    d.thread_num = threads;
+    frcnn_desc d = ol_test::mobile_desc(threads, false);
     d.is_debug = threads == 1;
     stdout_capture cap;
     void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
@@ -221,16 +268,6 @@ TEST(global_context, refused_configurations_print_their_reasons) {
     EXPECT_EQ(d.is_debug ? out.substr(0, dump_start.size()) : out, d.is_debug ? dump_start : "");
     EXPECT_EQ(settled_threads(before), before);
   }
-}
-
-TEST(instance_context, exit_of_an_uninitialised_context_frees_nothing) {
-  ol::frcnn_context ctx;
-  memset(&ctx, 0, sizeof ctx);
-  EXPECT_EQ(ol_test::printed([&] {
-              opt_layers_instance_frcnn_exit(&ctx);
-              opt_layers_instance_frcnn_exit(nullptr);
-            }),
-            "opt_layers library is not inited\nfrcnn handle is NULL for exit\n");
 }
 
 // The histogram tables exist only on the histogram path, with N * 20 / 2048
@@ -259,30 +296,31 @@ TEST(instance_context, histogram_tables_and_row_nodes_kept_in_advance) {
 }
 
 // Fails allocation number `countdown` (counted from 0) made through the
-// library's allocator; -1: none. Counts them all.
+// library's allocator (-1: none), or every one once refuse_all is set.
+// Counts them all.
 struct failing_alloc {
-  long countdown = -1;
-  long seen = 0;
+  long countdown = -1, seen = 0;
+  bool refuse_all = false;
   static bool hook(size_t, void* user) {
     auto* self = static_cast<failing_alloc*>(user);
     ++self->seen;
-    return self->countdown < 0 || self->countdown-- != 0;
+    return !self->refuse_all && (self->countdown < 0 || self->countdown-- != 0);
   }
 };
 
 // Every allocation of init, failed in turn: init either fails with the
-// message of the step concerned and leaves nothing behind, or (for a task
-// node of the anchor bands or a row node kept in advance) tolerates it.
+// messages of the step concerned and leaves nothing behind, or (for a task
+// node of the anchor bands or a row node kept in advance) tolerates it. The
+// exit of a context needs no memory (the workers' stop items have their
+// nodes).
 TEST(instance_context, every_allocation_failure_is_clean) {
   std::vector<float> anchors = ol_test::base_anchors_9();
-  const char* step_messages[] = {
-      "malloc frcnn err\n",           "fatal: no memory\n",
-      "create thread pool err\n",     "malloc for anchors err\n",
-      "malloc for rpn cls nopitch err\n", "malloc for detections err\n",
-      "malloc for order_buf err\n",   "malloc for order_rpn_index \n",
-      "malloc for histgram map err\n", "malloc for histgram list err\n",
-      "malloc for histgram num err\n", "malloc for histgram sort err\n",
-      "fatal: add task fail\n",       "fatal: no memory for simple node\n"};
+  const std::set<std::string> step_messages = {
+      "malloc frcnn err", "fatal: no memory", "create thread pool err", "malloc for anchors err",
+      "malloc for rpn cls nopitch err", "malloc for detections err", "malloc for order_buf err",
+      "malloc for order_rpn_index ", "malloc for histgram map err", "malloc for histgram list err",
+      "malloc for histgram num err", "malloc for histgram sort err", "fatal: add task fail",
+      "fatal: no memory for simple node"};
   for (bool qsort : {true, false}) {
     frcnn_desc d = ol_test::mobile_desc(3, qsort);
     const int threads_before = ol_test::quiet_threads();
@@ -294,20 +332,21 @@ TEST(instance_context, every_allocation_failure_is_clean) {
       stdout_capture cap;
       ol::set_alloc_hooks(&hooks);
       void* ctx = opt_layers_instance_frcnn_init(&d, anchors.data());
+      const long seen = fa.seen;
+      fa.refuse_all = true;
+      if (ctx) opt_layers_instance_frcnn_exit(ctx);
       ol::set_alloc_hooks(nullptr);
-      const std::string out = cap.end();
+      const std::string text = cap.end();
       if (k < 0) {
         ASSERT_NE(ctx, nullptr);
-        total = fa.seen;
+        total = seen;
       }
-      if (ctx == nullptr) {
-        ++failures;
-        bool known = false;
-        for (const char* m : step_messages) known = known || out.find(m) != std::string::npos;
-        EXPECT_TRUE(known) << "allocation " << k << " printed: " << out;
-      } else {
-        opt_layers_instance_frcnn_exit(ctx);
-      }
+      failures += ctx == nullptr;
+      EXPECT_TRUE(ctx || !text.empty()) << "allocation " << k << " failed init silently";
+      std::istringstream out(text);
+      EXPECT_EQ(fa.seen, seen) << "exit allocated, allocation " << k;
+      for (std::string line; std::getline(out, line);)
+        EXPECT_EQ(step_messages.count(line), 1u) << "allocation " << k << " printed: " << line;
       EXPECT_EQ(settled_threads(threads_before), threads_before) << "allocation " << k;
     }
     EXPECT_GT(total, 8);
