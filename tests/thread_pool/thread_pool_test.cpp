@@ -1,3 +1,7 @@
+// The worker pool: its messages, every task back exactly once on 1 and 32
+// workers, refused tasks and allocation failures. (The failures of create
+// and a destroy that needs no memory are exercised through init and exit of
+// the pipeline context.)
 // ctest-labels: threaded
 #include "thread_pool/thread_pool.h"
 
@@ -217,35 +221,6 @@ TEST(thread_pool, allocation_failures_and_prepare) {
   none.remove();
   EXPECT_EQ(cap.end(), "fatal: no memory for simple node\n");
   ol::thread_pool_destroy(pool);
-}
-
-// Fail each allocation of create in turn: the message of the failing
-// allocation, NULL, no thread left running, nothing leaked (LeakSanitizer).
-// Then destroy needs no memory (a stop item that cannot be queued would hang).
-TEST(thread_pool, create_allocation_failures_and_destroy_without_memory) {
-  const int before = threads_before();
-  for (int k = 0; k < 20; ++k) {
-    ol_test::stdout_capture cap;
-    alloc_failer f(k, k);
-    thread_pool* pool = ol::thread_pool_create(3);
-    f.remove();
-    const std::string out = cap.end();
-    if (k < f.count) {
-      EXPECT_EQ(pool, nullptr) << "allocation " << k;
-      EXPECT_EQ(out, k < 3 ? "fatal: no memory\n" : "fatal: no memory for simple node\n") << k;
-      EXPECT_EQ(ol_test::live_threads(), before);
-      continue;
-    }
-    ASSERT_NE(pool, nullptr);
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(k, 6);  // pool, two queues, a stop node per worker
-    alloc_failer none(0, k_all);
-    EXPECT_EQ(ol_test::printed([&] { ol::thread_pool_destroy(pool); }), "");
-    EXPECT_EQ(none.count, 0);
-    EXPECT_EQ(ol_test::settled_threads(before), before);
-    return;
-  }
-  FAIL() << "create never succeeded";
 }
 
 // A refused task prints "fatal: add task fail" and runs on the caller when
