@@ -270,31 +270,6 @@ TEST(global_context, refused_configurations_print_their_reasons) {
   }
 }
 
-// The histogram tables exist only on the histogram path, with N * 20 / 2048
-// row nodes kept in advance for N positions (none for N = 100).
-TEST(instance_context, histogram_tables_and_row_nodes_kept_in_advance) {
-  std::vector<float> anchors = ol_test::base_anchors_9();
-  const struct {
-    bool qsort;
-    uint32_t anchor_num, fmap_h, fmap_w;
-    size_t nodes;
-  } cases[] = {{true, 9, 19, 32, 0}, {false, 1, 10, 10, 0}, {false, 9, 19, 32, 9 * 19 * 32 * 20 / 2048}};
-  for (const auto& c : cases) {
-    frcnn_desc d = ol_test::mobile_desc(1, c.qsort);
-    d.anchor_num = c.anchor_num;
-    d.fmap_h = c.fmap_h;
-    d.fmap_w = c.fmap_w;
-    auto* h = static_cast<ol::frcnn_context*>(opt_layers_instance_frcnn_init(&d, anchors.data()));
-    ASSERT_NE(h, nullptr);
-    EXPECT_EQ(h->hist.map == nullptr, c.qsort);
-    EXPECT_EQ(h->hist.list == nullptr, c.qsort);
-    size_t nodes = 0;
-    for (ol::hist_row_node* n = h->hist.free_nodes; n; n = n->next) ++nodes;
-    EXPECT_EQ(nodes, c.nodes) << c.anchor_num * c.fmap_h * c.fmap_w;
-    opt_layers_instance_frcnn_exit(h);
-  }
-}
-
 // Fails allocation number `countdown` (counted from 0) made through the
 // library's allocator (-1: none), or every one once refuse_all is set.
 // Counts them all.
@@ -312,7 +287,8 @@ struct failing_alloc {
 // messages of the step concerned and leaves nothing behind, or (for a task
 // node of the anchor bands or a row node kept in advance) tolerates it. The
 // exit of a context needs no memory (the workers' stop items have their
-// nodes).
+// nodes). A successful init sets up the histogram tables and keeps row nodes
+// in advance on the histogram path only.
 TEST(instance_context, every_allocation_failure_is_clean) {
   std::vector<float> anchors = ol_test::base_anchors_9();
   const std::set<std::string> step_messages = {
@@ -333,14 +309,19 @@ TEST(instance_context, every_allocation_failure_is_clean) {
       ol::set_alloc_hooks(&hooks);
       void* ctx = opt_layers_instance_frcnn_init(&d, anchors.data());
       const long seen = fa.seen;
+      if (k < 0) {  // the histogram tables only on that path, N * 20 / 2048 row nodes for N positions
+        ASSERT_NE(ctx, nullptr);
+        total = seen;
+        const ol::hist_tables& t = static_cast<ol::frcnn_context*>(ctx)->hist;
+        size_t nodes = 0;
+        for (ol::hist_row_node* n = t.free_nodes; n; n = n->next) ++nodes;
+        EXPECT_EQ(nodes, qsort ? 0 : 9 * 19 * 32 * 20 / 2048);
+        EXPECT_EQ(t.map == nullptr && t.list == nullptr, qsort);
+      }
       fa.refuse_all = true;
       if (ctx) opt_layers_instance_frcnn_exit(ctx);
       ol::set_alloc_hooks(nullptr);
       const std::string text = cap.end();
-      if (k < 0) {
-        ASSERT_NE(ctx, nullptr);
-        total = seen;
-      }
       failures += ctx == nullptr;
       EXPECT_TRUE(ctx || !text.empty()) << "allocation " << k << " failed init silently";
       std::istringstream out(text);
