@@ -1,7 +1,8 @@
 // Lifecycle of the pipeline context: init and exit in both forms, their
 // messages and the descriptor dump, allocation failures at every step,
-// repeated cycles that leave nothing behind, and frames in steady state that
-// allocate nothing. Heap traffic is counted both through the library's
+// repeated cycles that leave nothing behind, frames in steady state that
+// allocate nothing, and many threads driving many contexts at once with the
+// results of one thread. Heap traffic is counted both through the library's
 // allocation hook and by interposing the C library's allocator in this
 // program (which also sees what the C library, the thread pool's queues or
 // qsort would allocate on the library's behalf). The descriptor's field
@@ -15,6 +16,7 @@
 #include <set>
 #include <sstream>
 #include <string>
+#include <thread>
 
 #include "common/alloc.h"
 #include "common/frame_gen.h"
@@ -76,6 +78,9 @@ void free(void* p) {
 
 namespace {
 
+using ol_test::frame_arrays;
+using ol_test::frame_result;
+using ol_test::run_frame;
 using ol_test::settled_threads;
 using ol_test::stdout_capture;
 
@@ -370,51 +375,112 @@ TEST(instance_context, repeated_cycles_leave_nothing_behind) {
 
 std::atomic<long> g_hook_calls{0};
 
-// 200 frames through every entry point from the first one after init, on
-// both sort paths and both forms: no allocating call at all (init sizes
-// every buffer and queue a frame needs).
-TEST(alloc_count, steady_state_frames_allocate_nothing) {
+constexpr int kHandles = 9;  // the last one is the process-wide context
+constexpr int kFrames = 3;   // distinct input frames per handle
+const unsigned kSteps[] = {ol_test::step_prenms, ol_test::step_prenms_nms,
+                           ol_test::step_pre_nms_roi | ol_test::step_post_nms, ol_test::step_all};
+
+// The robustness frame on 1 to 3 threads, both sort paths, three map
+// heights, and foreground-only filtered scores (the parallel filter over
+// runs of anchors) on every fourth handle.
+frcnn_desc handle_desc(int i) {
+  frcnn_desc d = ol_test::robust_desc(static_cast<uint8_t>(1 + i % 3), i % 2 == 0);
+  d.fmap_h = 10 + i % 3;
+  d.is_rpn_cls_fg_only = d.is_filter_rpn_cls = i % 4 == 1;
+  d.rpn_cls_threshold = 0.2f;
+  return d;
+}
+
+// Eight handles and the process-wide context. From the first frame after
+// init, each runs its frames twice through every entry point with no
+// allocating call at all (init sizes every buffer and queue a frame needs).
+// Then nine threads drive them, every step mix of every frame, while another
+// thread keeps creating, using and destroying handles: every frame must give
+// exactly what it gave on one thread. OL_STRESS_FRAMES sets the frames per
+// thread (default 1000).
+TEST(frames, allocate_nothing_and_match_one_thread_on_many_threads) {
+  const char* env = getenv("OL_STRESS_FRAMES");
+  const int per_thread = env ? atoi(env) : 1000;
   std::vector<float> anchors = ol_test::base_anchors_9();
+  std::vector<frcnn_desc> descs;
+  std::vector<void*> handles;
+  std::vector<std::vector<frame_arrays>> frames(kHandles);
+  for (int i = 0; i < kHandles; ++i) {
+    descs.push_back(handle_desc(i));
+    if (i + 1 < kHandles) {
+      handles.push_back(opt_layers_instance_frcnn_init(&descs[i], anchors.data()));
+      ASSERT_NE(handles[i], nullptr);
+    } else {
+      ASSERT_EQ(opt_layers_frcnn_init(&descs[i], anchors.data()), 0);
+      handles.push_back(nullptr);
+    }
+    for (int f = 0; f < kFrames; ++f) frames[i].emplace_back(descs[i]);
+  }
+  // Frame f of handle i with its outputs poisoned (so that what a frame
+  // leaves unwritten compares too); in the last one identical scores pile
+  // up in one bucket beyond its inline slots (the histogram path needs
+  // overflow nodes).
+  auto load = [&](int i, int f) -> frame_arrays& {
+    frames[i][f].fill(i * kFrames + f);
+    for (size_t j = 0; f + 1 == kFrames && j < frames[i][f].cls.n; j += 2)
+      frames[i][f].cls[j] = ol_test::h(0.75f);
+    return frames[i][f];
+  };
   static ol::alloc_hooks hooks{[](size_t, void*) {
                                  if (g_counting.load(std::memory_order_relaxed)) ++g_hook_calls;
                                  return true;
                                },
                                nullptr};
-  for (int form = 0; form < 4; ++form) {
-    const bool qsort = form < 2, global = form & 1;
-    SCOPED_TRACE(testing::Message() << "qsort " << qsort << " global " << global);
-    frcnn_desc d = ol_test::mobile_desc(3, qsort);
-    d.fmap_d = 32;
-    d.is_filter_rpn_cls = 1;  // the parallel filter over runs of anchors
-    d.is_rpn_cls_fg_only = 1;
-    d.rpn_cls_threshold = 0.05f;
-    void* h = global ? nullptr : opt_layers_instance_frcnn_init(&d, anchors.data());
-    ASSERT_TRUE(global ? opt_layers_frcnn_init(&d, anchors.data()) == 0 : h != nullptr);
-    std::vector<ol_test::frame_arrays> frames;
-    for (int f = 0; f < 4; ++f) {
-      frames.emplace_back(d);
-      frames.back().fill(100 + f);
-    }
-    // Identical scores pile up in one bucket beyond its inline slots: the
-    // histogram path needs overflow nodes.
-    for (size_t i = 0; i < frames[3].cls.n; i += 2) frames[3].cls[i] = ol_test::h(0.75f);
-    int rois = 0, failed = 0;
-    ol::set_alloc_hooks(&hooks);
-    g_calls = g_hook_calls = 0;
-    g_counting = true;
-    for (int f = 0; f < 200; ++f) {
-      const ol_test::frame_result r = ol_test::run_frame(h, frames[f % 4], ol_test::step_all, 0, false);
-      rois += r.r2;
-      failed += r.k < 0 || r.r < 0 || r.r2 != r.r || r.post != 0;
-    }
-    g_counting = false;
-    ol::set_alloc_hooks(nullptr);
-    EXPECT_EQ(failed, 0);
-    EXPECT_GT(rois, 200);
-    EXPECT_EQ(g_hook_calls.load(), 0);
-    EXPECT_EQ(g_calls.load(), 0) << "allocating C library calls during 200 frames";
-    global ? opt_layers_frcnn_exit() : opt_layers_instance_frcnn_exit(h);
+  int rois = 0, failed = 0;
+  ol::set_alloc_hooks(&hooks);
+  g_calls = g_hook_calls = 0;
+  g_counting = true;
+  for (int n = 0; n < 2 * kHandles * kFrames; ++n) {
+    const ol_test::frame_result r = run_frame(handles[n % kHandles], load(n % kHandles, n / kHandles % kFrames),
+                                              ol_test::step_all, 0, false);
+    rois += r.r2;
+    failed += r.k < 0 || r.r < 0 || r.r2 != r.r || r.post != 0;
   }
+  g_counting = false;
+  ol::set_alloc_hooks(nullptr);
+  EXPECT_EQ(failed, 0);
+  EXPECT_GT(rois, 2 * kHandles * kFrames);
+  EXPECT_EQ(g_hook_calls.load(), 0);
+  EXPECT_EQ(g_calls.load(), 0) << "allocating C library calls";
+
+  // Reference: every frame and step mix on one thread.
+  std::vector<frame_result> expect(kHandles * kFrames * 4);
+  for (int k = 0; k < kHandles * kFrames * 4; ++k)
+    expect[k] = run_frame(handles[k / 12], load(k / 12, k / 4 % 3), kSteps[k % 4]);
+  std::atomic<int> mismatches{0}, churn{0};
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> workers;
+  for (int i = 0; i < kHandles; ++i)
+    workers.emplace_back([&, i] {
+      for (int n = 0; n < per_thread; ++n) {
+        const int f = (n * 7 + i) % kFrames, s = (n + n / kFrames) % 4;
+        const frame_result r = run_frame(handles[i], load(i, f), kSteps[s]);
+        if (!(r == expect[(i * kFrames + f) * 4 + s])) ++mismatches;
+      }
+    });
+  // Handles come and go beside the busy ones, each running frame 0 of handle 3.
+  std::thread churner([&] {
+    frcnn_desc d = handle_desc(3);
+    frame_arrays a(d);
+    do {
+      void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
+      a.fill(3 * kFrames);
+      if (h == nullptr || !(run_frame(h, a) == expect[3 * kFrames * 4 + 3])) ++mismatches;
+      opt_layers_instance_frcnn_exit(h);
+      ++churn;
+    } while (!stop.load());
+  });
+  for (std::thread& t : workers) t.join();
+  stop = true;
+  churner.join();
+  EXPECT_EQ(mismatches.load(), 0);
+  EXPECT_GT(churn.load(), 0);
+  for (void* h : handles) h ? opt_layers_instance_frcnn_exit(h) : opt_layers_frcnn_exit();
 }
 
 }  // namespace
