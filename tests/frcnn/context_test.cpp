@@ -162,42 +162,39 @@ struct raw_desc {
 // The value raw_desc gives a 32-bit field.
 #define U(field) (1000u + static_cast<unsigned>(offsetof(frcnn_desc, field)))
 
-// The expected dump, in the text order; flags[i] is the i-th flag shown.
-std::string expected_dump(const unsigned flags[9], bool scale) {
+// The expected dump, in the text order; bit i of `flags` is the i-th flag
+// shown (the seventh brings the scale factors).
+std::string expected_dump(unsigned flags) {
   std::string s = ol_test::format(
       k_desc_text, 3u, U(anchor_num), U(pre_nms_num), U(post_nms_num), U(class_num), U(min_size),
       U(img_h), U(img_w), U(fmap_scale), U(fmap_d), U(fmap_h), U(fmap_w), U(fmap_pitch), U(pool_h),
       U(pool_w), U(pool_pitch), U(rpn_cls_pitch), U(rpn_bbox_pitch), U(rcnn_cls_pitch),
       U(rcnn_bbox_pitch), static_cast<double>(0.7f), static_cast<double>(0.3f),
       static_cast<double>(0.05f), -0.125, U(bbox_type));
-  s += ol_test::format(k_flag_text, flags[0], flags[1], flags[2], flags[3], flags[4], flags[5],
-                       flags[6], flags[7], flags[8]);
-  if (scale) s += ol_test::format(k_scale_text, 10.5, 11.25, 5.75, 6.125);
+  s += ol_test::format(k_flag_text, flags & 1, flags >> 1 & 1, flags >> 2 & 1, flags >> 3 & 1, flags >> 4 & 1,
+                       flags >> 5 & 1, flags >> 6 & 1, flags >> 7 & 1, flags >> 8 & 1);
+  if (flags >> 6 & 1) s += ol_test::format(k_scale_text, 10.5, 11.25, 5.75, 6.125);
   return s;
 }
 
-// Each flag bit alone (is_debug is not shown), then all of them with the reserved bits
-// and byte set: every flag prints as 1, not as its bit value, and the
-// reserved bits change nothing.
+// Each flag bit alone (is_debug is not shown), then all of them with the
+// reserved bits and byte set: every flag prints as 1, not as its bit value,
+// and the reserved bits change nothing.
 TEST(frcnn_desc, flag_bits_and_dump) {
-  const unsigned none[9] = {}, all[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
-  raw_desc plain;
-  EXPECT_EQ(plain.dump(), expected_dump(none, false));
+  EXPECT_EQ(raw_desc().dump(), expected_dump(0));
   for (int bit = 0; bit < 10; ++bit) {  // bit 0 of byte 1 is is_debug; the rest in text order
     SCOPED_TRACE(bit);
     raw_desc r;
     r.b[1 + bit / 8] = static_cast<uint8_t>(1u << bit % 8);
-    unsigned flags[9] = {};
-    if (bit > 0) flags[bit - 1] = 1;
-    EXPECT_EQ(r.dump(), expected_dump(flags, bit == 7));
+    EXPECT_EQ(r.dump(), expected_dump(bit ? 1u << (bit - 1) : 0));
   }
   raw_desc reserved;
   reserved.b[2] = 0xFC;
   reserved.b[3] = 0xA5;
-  EXPECT_EQ(reserved.dump(), expected_dump(none, false));
+  EXPECT_EQ(reserved.dump(), expected_dump(0));
   reserved.b[1] = 0xFF;
   reserved.b[2] = 0xFF;
-  EXPECT_EQ(reserved.dump(), expected_dump(all, true));
+  EXPECT_EQ(reserved.dump(), expected_dump(0x1FF));
 }
 
 
