@@ -121,7 +121,8 @@ TEST(global_context, init_twice_exit_without_init_and_reinit) {
   d.is_debug = 1;  // init dumps the configuration first
   const std::string out = ol_test::printed([&] { ASSERT_EQ(opt_layers_frcnn_init(&d, anchors.data()), 0); });
   EXPECT_EQ(out.rfind("[FRCNN_DESC] ThreadN: 1, AnchorN: 9, PreNMS: 7, ", 0), 0u) << out;
-  ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_prenms(ol_test::hp(f.cls), ol_test::hp(f.bbox), &props), 7); });
+  ol_test::printed(  // with its per-frame counts
+      [&] { EXPECT_EQ(opt_layers_frcnn_prenms(ol_test::hp(f.cls), ol_test::hp(f.bbox), &props), 7); });
   opt_layers_frcnn_exit();
 }
 
@@ -226,7 +227,8 @@ TEST(global_context, refused_configurations_print_their_reasons) {
   };
   for (bool qsort : {true, false})
     for (const auto& c : cases) {
-      SCOPED_TRACE(testing::Message() << c.threads << " " << c.anchor_num << " " << c.pre_nms_num << " " << qsort);
+      SCOPED_TRACE(testing::Message() << c.threads << " " << c.anchor_num << " " << c.pre_nms_num << " "
+                                      << qsort);
       frcnn_desc d = ol_test::robust_desc(static_cast<uint8_t>(c.threads), qsort);
       d.anchor_num = c.anchor_num;
       d.fmap_h = c.fmap_h;

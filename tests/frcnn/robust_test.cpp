@@ -64,11 +64,14 @@ int run_op(int op, op_inputs& in, int gw, int gh, std::vector<short>& out) {
                                                    16, 0, in.H, in.W, 64);
     case 2: return roi_align_fmap_int16(in.smap.data(), 16, b, 2, in.W, in.H, gw, gh, 32, out.data());
     case 3: return roi_align_four_fmap_int16(maps, scales, b, 2, in.W, in.H, gw, gh, 32, out.data());
-    case 4: return crop_and_resize_fmap_int16(in.smap.data(), 0.1f, 0.1f, 0.0f, b, 2, in.W, in.H, gw, gh, 32, out.data());
+    case 4:
+      return crop_and_resize_fmap_int16(in.smap.data(), 0.1f, 0.1f, 0.0f, b, 2, in.W, in.H, gw, gh, 32,
+                                        out.data());
   }
   const int g = in.group;
   std::vector<float> o(size_t(2) * g * g * 24, 3.0f);
-  int rc = ps_roi_pooling(in.psmap.data(), in.psW, in.psH, g * g * 21, 24, b, 2, o.data(), g, g, 21, 24, 0.125f, g);
+  int rc = ps_roi_pooling(in.psmap.data(), in.psW, in.psH, g * g * 21, 24, b, 2, o.data(), g, g, 21, 24,
+                          0.125f, g);
   for (int oc : {21, 10})
     rc |= ps_roi_pooling_scale(in.psmap.data(), in.psW, in.psH, g * g * oc, 24, b, 2, o.data(), g, g, oc, 24,
                                0.0625f, g, 1.2f, 1.0f, 1.0f);
