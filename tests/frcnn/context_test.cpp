@@ -369,13 +369,14 @@ constexpr int kFrames = 3;   // distinct input frames per handle
 const unsigned kSteps[] = {ol_test::step_prenms, ol_test::step_prenms_nms,
                            ol_test::step_pre_nms_roi | ol_test::step_post_nms, ol_test::step_all};
 
-// The robustness frame on 1 to 3 threads, both sort paths, three map
-// heights, and foreground-only filtered scores (the parallel filter over
-// runs of anchors) on every fourth handle.
+// Handles in threes, on 1, 2 and 3 workers each: the robustness frame on
+// map heights 10, 11 and 12, the comparison sort on the first three, and
+// foreground-only filtered scores (the parallel filter over runs of
+// anchors) on the second.
 frcnn_desc handle_desc(int i) {
-  frcnn_desc d = ol_test::robust_desc(static_cast<uint8_t>(1 + i % 3), i % 2 == 0);
-  d.fmap_h = 10 + i % 3;
-  d.is_rpn_cls_fg_only = d.is_filter_rpn_cls = i % 4 == 1;
+  frcnn_desc d = ol_test::robust_desc(static_cast<uint8_t>(1 + i % 3), i / 3 == 0);
+  d.fmap_h = 10 + i / 3;
+  d.is_rpn_cls_fg_only = d.is_filter_rpn_cls = i / 3 == 1;
   d.rpn_cls_threshold = 0.2f;
   return d;
 }
@@ -383,9 +384,10 @@ frcnn_desc handle_desc(int i) {
 // Eight handles and the process-wide context. From the first frame after
 // init, each runs its frames twice through every entry point with no
 // allocating call at all (init sizes every buffer and queue a frame needs).
-// Then nine threads drive them, every step mix of every frame, while another
-// thread keeps creating, using and destroying handles: every frame must give
-// exactly what it gave on one thread. OL_STRESS_FRAMES sets the frames per
+// Every frame gives the same on 1, 2 and 3 workers. Then nine threads drive
+// the handles, every step mix of every frame, while another thread keeps
+// creating, using and destroying handles: every frame must give exactly
+// what it gave on one thread. OL_STRESS_FRAMES sets the frames per
 // thread (default 1000).
 TEST(frames, allocate_nothing_and_match_one_thread_on_many_threads) {
   const char* env = getenv("OL_STRESS_FRAMES");
@@ -410,7 +412,7 @@ TEST(frames, allocate_nothing_and_match_one_thread_on_many_threads) {
   // up in one bucket beyond its inline slots (the histogram path needs
   // overflow nodes).
   auto load = [&](int i, int f) -> frame_arrays& {
-    frames[i][f].fill(i * kFrames + f);
+    frames[i][f].fill(i / 3 * kFrames + f);
     for (size_t j = 0; f + 1 == kFrames && j < frames[i][f].cls.n; j += 2)
       frames[i][f].cls[j] = ol_test::h(0.75f);
     return frames[i][f];
@@ -437,10 +439,13 @@ TEST(frames, allocate_nothing_and_match_one_thread_on_many_threads) {
   EXPECT_EQ(g_hook_calls.load(), 0);
   EXPECT_EQ(g_calls.load(), 0) << "allocating C library calls";
 
-  // Reference: every frame and step mix on one thread.
+  // Reference: every frame and step mix on one thread, the same for the
+  // handle on one worker (k / 12 % 3 == 0) and its two siblings.
   std::vector<frame_result> expect(kHandles * kFrames * 4);
-  for (int k = 0; k < kHandles * kFrames * 4; ++k)
+  for (int k = 0; k < kHandles * kFrames * 4; ++k) {
     expect[k] = run_frame(handles[k / 12], load(k / 12, k / 4 % 3), kSteps[k % 4]);
+    EXPECT_TRUE(expect[k] == expect[k - k / 12 % 3 * 12]) << k;
+  }
   std::atomic<int> mismatches{0}, churn{0};
   std::atomic<bool> stop{false};
   std::vector<std::thread> workers;
@@ -458,7 +463,7 @@ TEST(frames, allocate_nothing_and_match_one_thread_on_many_threads) {
     frame_arrays a(d);
     do {
       void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
-      a.fill(3 * kFrames);
+      a.fill(1 * kFrames);  // as load(3, 0)
       if (h == nullptr || !(run_frame(h, a) == expect[3 * kFrames * 4 + 3])) ++mismatches;
       opt_layers_instance_frcnn_exit(h);
       ++churn;
