@@ -370,7 +370,8 @@ const unsigned kSteps[] = {ol_test::step_prenms, ol_test::step_prenms_nms,
                            ol_test::step_pre_nms_roi | ol_test::step_post_nms, ol_test::step_all};
 
 // Handles in threes, on 1, 2 and 3 workers each: the robustness frame on
-// map heights 10, 11 and 12, the comparison sort on the first three, and
+// map heights 10, 11 and 12 with 100 proposals kept (the head decode's
+// largest batch of tasks), the comparison sort on the first three, and
 // foreground-only filtered scores (the parallel filter over runs of
 // anchors) on the second.
 frcnn_desc handle_desc(int i) {
@@ -378,6 +379,9 @@ frcnn_desc handle_desc(int i) {
   d.fmap_h = 10 + i / 3;
   d.is_rpn_cls_fg_only = d.is_filter_rpn_cls = i / 3 == 1;
   d.rpn_cls_threshold = 0.2f;
+  d.pre_nms_num = 300;
+  d.post_nms_num = 100;
+  d.pre_nms_iou = 0.9f;
   return d;
 }
 
