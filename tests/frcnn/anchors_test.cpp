@@ -17,9 +17,10 @@ const float k_poison = -12345.5f;
 constexpr size_t k_guard = 64;
 
 // Record (y*W + x)*A + a is base anchor a shifted by (x*S, y*S), each sum
-// in single precision; with suppression x in [0, img_w], y in [0, img_h].
-// A stride beyond INT_MAX is a negative int and its shifts do not overflow.
-// Followed by k_guard poisoned floats.
+// in single precision; with suppression x is limited to [0, img_w] and y to
+// [0, img_h], a NaN ending at the upper limit and a negative at +0. A stride
+// beyond INT_MAX is a negative int and its shifts do not overflow. Followed
+// by k_guard poisoned floats.
 std::vector<float> reference(const std::vector<float>& base, unsigned A, unsigned S, unsigned H,
                              unsigned W, bool suppress, unsigned img_h, unsigned img_w) {
   std::vector<float> out;
@@ -28,14 +29,17 @@ std::vector<float> reference(const std::vector<float>& base, unsigned A, unsigne
       for (unsigned a = 0; a < A; ++a)
         for (unsigned j = 0; j < 4; ++j) {
           float v = base[4 * a + j] + static_cast<float>(int64_t{j % 2 ? y : x} * static_cast<int32_t>(S));
-          if (suppress) v = std::max(std::min(v, static_cast<float>(j % 2 ? img_h : img_w)), 0.0f);
+          const float hi = static_cast<float>(j % 2 ? img_h : img_w);
+          if (suppress) v = std::isnan(v) || v > hi ? hi : (v > 0.0f ? v : 0.0f);
           out.push_back(v);
         }
   out.resize(out.size() + k_guard, k_poison);
   return out;
 }
 
-std::vector<float> random_base(unsigned A, uint64_t seed) {
+// Random base anchors around the origin; with `nan`, one coordinate of the
+// first anchor is NaN.
+std::vector<float> random_base(unsigned A, uint64_t seed, bool nan = false) {
   ol_test::rng r(seed);
   std::vector<float> base;
   for (unsigned a = 0; a < A; ++a) {
@@ -43,6 +47,7 @@ std::vector<float> random_base(unsigned A, uint64_t seed) {
     const float w = r.uniform(1.0f, 300.0f), h = r.uniform(1.0f, 300.0f);
     base.insert(base.end(), {cx - w, cy - h, cx + w, cy + h});
   }
+  if (nan) base[seed % 4] = NAN;
   return base;
 }
 
@@ -59,49 +64,38 @@ std::vector<float> generate(unsigned workers, const std::vector<float>& base, un
   return buf;
 }
 
-bool same_bits(const std::vector<float>& a, const std::vector<float>& b) {
-  return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
-}
-
 TEST(Anchors, MatchReferenceForOneAndEightWorkers) {
   struct shape {
     unsigned A, S, H, W;
+    bool nan;
   };
   // Ten bands of H / 10 rows, the last one also takes the remainder: H below
-  // 10 (band 9 alone), 23 (bands of 2, last of 5), a VGG16 frame; a hostile
-  // stride (found by fuzzing).
-  for (const shape& sh : {shape{3, 16, 7, 5}, shape{9, 16, 23, 11}, shape{9, 16, 38, 63},
-                          shape{1, 1, 1, 1}, shape{2, 8, 10, 3}, shape{2, 0x80808080u, 5, 5}}) {
+  // 10 (band 9 alone), 23 (bands of 2, last of 5), a VGG16 frame; a NaN base
+  // coordinate; a hostile stride (found by fuzzing).
+  for (const shape& sh : {shape{3, 16, 7, 5, false}, shape{9, 16, 23, 11, false}, shape{9, 16, 38, 63, false},
+                          shape{1, 1, 1, 1, false}, shape{2, 8, 10, 3, true}, shape{3, 16, 12, 4, true},
+                          shape{2, 0x80808080u, 5, 5, false}}) {
     for (bool suppress : {false, true}) {
-      const std::vector<float> base = random_base(sh.A, sh.H * 31 + sh.A);
+      const std::vector<float> base = random_base(sh.A, sh.H * 31 + sh.A, sh.nan);
       const unsigned img_h = std::min(sh.H * sh.S, 4096u), img_w = std::min(sh.W * sh.S, 4096u);
       const auto want = reference(base, sh.A, sh.S, sh.H, sh.W, suppress, img_h, img_w);
-      for (unsigned workers : {1u, 8u})
-        EXPECT_TRUE(same_bits(want, generate(workers, base, sh.A, sh.S, sh.H, sh.W, suppress,
-                                             img_h, img_w)))
+      for (unsigned workers : {1u, 8u}) {
+        const auto got = generate(workers, base, sh.A, sh.S, sh.H, sh.W, suppress, img_h, img_w);
+        EXPECT_EQ(memcmp(want.data(), got.data(), want.size() * sizeof(float)), 0)
             << sh.H << " " << suppress << " " << workers;
+      }
     }
   }
 }
 
-// One anchor reaching past every border of a 50 x 40 image, at cells (0, 0)
-// and (y 2, x 3) of a 3 x 4 map: negatives become +0, the upper limits are
-// the image size itself.
+// The reference pinned on one anchor reaching past every border of a 50 x
+// 40 image, with a NaN y1, at cells (0, 0) and (y 2, x 3) of a 3 x 4 map:
+// negatives become +0, NaN and the upper limits are the image size itself.
 TEST(Anchors, SuppressionLimitsToTheImageSizeItself) {
-  const std::vector<float> base = {-10.0f, -20.0f, 30.5f, 41.0f};
-  const std::vector<float> on = generate(2, base, 1, 16, 3, 4, true, 40, 50);
-  EXPECT_EQ(std::vector<float>(on.begin(), on.begin() + 4), (std::vector<float>{0, 0, 30.5f, 40}));
+  const std::vector<float> on = generate(2, {-10.0f, NAN, 30.5f, 41.0f}, 1, 16, 3, 4, true, 40, 50);
+  EXPECT_EQ(std::vector<float>(on.begin(), on.begin() + 4), (std::vector<float>{0, 40, 30.5f, 40}));
   EXPECT_FALSE(std::signbit(on[0]));
-  EXPECT_EQ(std::vector<float>(on.begin() + 44, on.begin() + 48),
-            (std::vector<float>{38, 12, 50, 40}));
-  const std::vector<float> off = generate(2, base, 1, 16, 3, 4, false, 40, 50);
-  EXPECT_EQ(std::vector<float>(off.begin() + 44, off.begin() + 48),
-            (std::vector<float>{38, 12, 78.5f, 73}));
-  // A NaN base coordinate is limited to the image size, not left NaN.
-  const std::vector<float> nan_base = {NAN, 2.0f, 30.0f, NAN};
-  const std::vector<float> limited = generate(2, nan_base, 1, 16, 3, 4, true, 40, 50);
-  EXPECT_EQ(std::vector<float>(limited.begin() + 44, limited.begin() + 48),
-            (std::vector<float>{50, 34, 50, 40}));
+  EXPECT_EQ(std::vector<float>(on.begin() + 44, on.begin() + 48), (std::vector<float>{38, 40, 50, 40}));
 }
 
 TEST(Anchors, RefusedBandsStayUntouched) {

@@ -1,7 +1,8 @@
 // Lifecycle of the pipeline context: init and exit in both forms, their
 // messages and the descriptor dump, allocation failures at every step,
-// repeated cycles that leave nothing behind, and frames in steady state that
-// allocate nothing. Heap traffic is counted both through the library's
+// repeated cycles that leave nothing behind, frames in steady state that
+// allocate nothing, and many threads driving many contexts at once with the
+// results of one thread. Heap traffic is counted both through the library's
 // allocation hook and by interposing the C library's allocator in this
 // program (which also sees what the C library, the thread pool's queues or
 // qsort would allocate on the library's behalf). The descriptor's field
@@ -12,7 +13,10 @@
 #include <string.h>
 
 #include <atomic>
+#include <set>
+#include <sstream>
 #include <string>
+#include <thread>
 
 #include "common/alloc.h"
 #include "common/frame_gen.h"
@@ -74,6 +78,9 @@ void free(void* p) {
 
 namespace {
 
+using ol_test::frame_arrays;
+using ol_test::frame_result;
+using ol_test::run_frame;
 using ol_test::settled_threads;
 using ol_test::stdout_capture;
 
@@ -90,7 +97,14 @@ TEST(version, reports_the_library) {
 TEST(global_context, init_twice_exit_without_init_and_reinit) {
   std::vector<float> anchors = ol_test::base_anchors_9();
   frcnn_desc d = ol_test::mobile_desc(2, false);
-  EXPECT_EQ(ol_test::printed(opt_layers_frcnn_exit), "frcnn handle is NULL for exit\n");
+  ol::frcnn_context unset;  // exit of a context never initialised frees nothing
+  memset(&unset, 0, sizeof unset);
+  EXPECT_EQ(ol_test::printed([&] {
+              opt_layers_frcnn_exit();
+              opt_layers_instance_frcnn_exit(&unset);
+              opt_layers_instance_frcnn_exit(nullptr);
+            }),
+            "frcnn handle is NULL for exit\nopt_layers library is not inited\nfrcnn handle is NULL for exit\n");
   ASSERT_EQ(opt_layers_frcnn_init(&d, anchors.data()), 0);
   ol::frcnn_context* first = ol::global_context();
   EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_init(&d, anchors.data()), -1); }),
@@ -104,8 +118,11 @@ TEST(global_context, init_twice_exit_without_init_and_reinit) {
   EXPECT_EQ(ol::global_context(), nullptr);
   d = ol_test::mobile_desc(1, true);
   d.pre_nms_num = 7;
-  ASSERT_EQ(opt_layers_frcnn_init(&d, anchors.data()), 0);
-  EXPECT_EQ(opt_layers_frcnn_prenms(ol_test::hp(f.cls), ol_test::hp(f.bbox), &props), 7);
+  d.is_debug = 1;  // init dumps the configuration first
+  const std::string out = ol_test::printed([&] { ASSERT_EQ(opt_layers_frcnn_init(&d, anchors.data()), 0); });
+  EXPECT_EQ(out.rfind("[FRCNN_DESC] ThreadN: 1, AnchorN: 9, PreNMS: 7, ", 0), 0u) << out;
+  ol_test::printed(  // with its per-frame counts
+      [&] { EXPECT_EQ(opt_layers_frcnn_prenms(ol_test::hp(f.cls), ol_test::hp(f.bbox), &props), 7); });
   opt_layers_frcnn_exit();
 }
 
@@ -146,143 +163,134 @@ struct raw_desc {
 // The value raw_desc gives a 32-bit field.
 #define U(field) (1000u + static_cast<unsigned>(offsetof(frcnn_desc, field)))
 
-// The expected dump, in the text order; flags[i] is the i-th flag shown.
-std::string expected_dump(const unsigned flags[9], bool scale) {
+// The expected dump, in the text order; bit i of `flags` is the i-th flag
+// shown (the seventh brings the scale factors).
+std::string expected_dump(unsigned flags) {
   std::string s = ol_test::format(
       k_desc_text, 3u, U(anchor_num), U(pre_nms_num), U(post_nms_num), U(class_num), U(min_size),
       U(img_h), U(img_w), U(fmap_scale), U(fmap_d), U(fmap_h), U(fmap_w), U(fmap_pitch), U(pool_h),
       U(pool_w), U(pool_pitch), U(rpn_cls_pitch), U(rpn_bbox_pitch), U(rcnn_cls_pitch),
       U(rcnn_bbox_pitch), static_cast<double>(0.7f), static_cast<double>(0.3f),
       static_cast<double>(0.05f), -0.125, U(bbox_type));
-  s += ol_test::format(k_flag_text, flags[0], flags[1], flags[2], flags[3], flags[4], flags[5],
-                       flags[6], flags[7], flags[8]);
-  if (scale) s += ol_test::format(k_scale_text, 10.5, 11.25, 5.75, 6.125);
+  s += ol_test::format(k_flag_text, flags & 1, flags >> 1 & 1, flags >> 2 & 1, flags >> 3 & 1, flags >> 4 & 1,
+                       flags >> 5 & 1, flags >> 6 & 1, flags >> 7 & 1, flags >> 8 & 1);
+  if (flags >> 6 & 1) s += ol_test::format(k_scale_text, 10.5, 11.25, 5.75, 6.125);
   return s;
 }
 
-// Each flag bit alone (is_debug is not shown), then all of them with the reserved bits
-// and byte set: every flag prints as 1, not as its bit value, and the
-// reserved bits change nothing.
+// Each flag bit alone (is_debug is not shown), then all of them with the
+// reserved bits and byte set: every flag prints as 1, not as its bit value,
+// and the reserved bits change nothing.
 TEST(frcnn_desc, flag_bits_and_dump) {
-  const unsigned none[9] = {}, all[9] = {1, 1, 1, 1, 1, 1, 1, 1, 1};
-  raw_desc plain;
-  EXPECT_EQ(plain.dump(), expected_dump(none, false));
+  EXPECT_EQ(raw_desc().dump(), expected_dump(0));
   for (int bit = 0; bit < 10; ++bit) {  // bit 0 of byte 1 is is_debug; the rest in text order
     SCOPED_TRACE(bit);
     raw_desc r;
     r.b[1 + bit / 8] = static_cast<uint8_t>(1u << bit % 8);
-    unsigned flags[9] = {};
-    if (bit > 0) flags[bit - 1] = 1;
-    EXPECT_EQ(r.dump(), expected_dump(flags, bit == 7));
+    EXPECT_EQ(r.dump(), expected_dump(bit ? 1u << (bit - 1) : 0));
   }
   raw_desc reserved;
   reserved.b[2] = 0xFC;
   reserved.b[3] = 0xA5;
-  EXPECT_EQ(reserved.dump(), expected_dump(none, false));
+  EXPECT_EQ(reserved.dump(), expected_dump(0));
   reserved.b[1] = 0xFF;
   reserved.b[2] = 0xFF;
-  EXPECT_EQ(reserved.dump(), expected_dump(all, true));
+  EXPECT_EQ(reserved.dump(), expected_dump(0x1FF));
 }
 
 
-// Refused configurations print their reasons in both forms (the global one
-// adds its own line). 32 threads are accepted; a quiet init and exit print
-// nothing, and is_debug dumps the descriptor first.
+// Refused configurations in both forms: init prints the reason (the global
+// form adds its own line), never asks the heap for 64 MiB or more, leaves
+// the caller's record alone and no thread behind. Buffers of 4 GiB or more,
+// or whose 32-bit size products wrap, are refused with the message of that
+// buffer. 32 threads, and huge counts that size no buffer (message NULL),
+// are accepted: init and exit print nothing.
 TEST(global_context, refused_configurations_print_their_reasons) {
   std::vector<float> anchors = ol_test::base_anchors_9();
   const int before = ol_test::quiet_threads();
-  frcnn_desc d = ol_test::mobile_desc(1, false);
   const struct {
     int threads;  // -1: no descriptor
+    uint32_t anchor_num, fmap_h, fmap_w, pre_nms_num, post_nms_num, class_num;
     const char* message;
-  } refused[] = {{-1, "Invalid frcnn desc pointer NULL\n"},
-                 {0, "thread number 0 less than 1\ncreate thread pool err\n"},
-                 {33, "thread number 33 exceed max 32\ncreate thread pool err\n"}};
-  for (const auto& c : refused) {
-    d.thread_num = static_cast<uint8_t>(c.threads);
-    frcnn_desc* p = c.threads < 0 ? nullptr : &d;
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_instance_frcnn_init(p, anchors.data()), nullptr);
-    EXPECT_EQ(opt_layers_frcnn_init(p, anchors.data()), -1);
-    EXPECT_EQ(cap.end(), std::string(c.message) + c.message + "frcnn_init err\n");
-  }
-  EXPECT_EQ(ol::global_context(), nullptr);
-  EXPECT_EQ(settled_threads(before), before);
-  const std::string dump_start = "[FRCNN_DESC] ThreadN: 1, AnchorN: 9";
-  for (uint8_t threads : {32, 1}) {
-    d.thread_num = threads;
-    d.is_debug = threads == 1;
-    stdout_capture cap;
-    void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
-    ASSERT_NE(h, nullptr);
-    EXPECT_EQ(ol_test::live_threads(), before + threads);
-    opt_layers_instance_frcnn_exit(h);
-    const std::string out = cap.end();
-    EXPECT_EQ(d.is_debug ? out.substr(0, dump_start.size()) : out, d.is_debug ? dump_start : "");
-    EXPECT_EQ(settled_threads(before), before);
-  }
-}
-
-TEST(instance_context, exit_of_an_uninitialised_context_frees_nothing) {
-  ol::frcnn_context ctx;
-  memset(&ctx, 0, sizeof ctx);
-  EXPECT_EQ(ol_test::printed([&] {
-              opt_layers_instance_frcnn_exit(&ctx);
-              opt_layers_instance_frcnn_exit(nullptr);
-            }),
-            "opt_layers library is not inited\nfrcnn handle is NULL for exit\n");
-}
-
-// The histogram tables exist only on the histogram path, with N * 20 / 2048
-// row nodes kept in advance for N positions (none for N = 100).
-TEST(instance_context, histogram_tables_and_row_nodes_kept_in_advance) {
-  std::vector<float> anchors = ol_test::base_anchors_9();
-  const struct {
-    bool qsort;
-    uint32_t anchor_num, fmap_h, fmap_w;
-    size_t nodes;
-  } cases[] = {{true, 9, 19, 32, 0}, {false, 1, 10, 10, 0}, {false, 9, 19, 32, 9 * 19 * 32 * 20 / 2048}};
-  for (const auto& c : cases) {
-    frcnn_desc d = ol_test::mobile_desc(1, c.qsort);
-    d.anchor_num = c.anchor_num;
-    d.fmap_h = c.fmap_h;
-    d.fmap_w = c.fmap_w;
-    auto* h = static_cast<ol::frcnn_context*>(opt_layers_instance_frcnn_init(&d, anchors.data()));
-    ASSERT_NE(h, nullptr);
-    EXPECT_EQ(h->hist.map == nullptr, c.qsort);
-    EXPECT_EQ(h->hist.list == nullptr, c.qsort);
-    size_t nodes = 0;
-    for (ol::hist_row_node* n = h->hist.free_nodes; n; n = n->next) ++nodes;
-    EXPECT_EQ(nodes, c.nodes) << c.anchor_num * c.fmap_h * c.fmap_w;
-    opt_layers_instance_frcnn_exit(h);
-  }
+  } cases[] = {
+      {-1, 3, 8, 10, 100, 30, 4, "Invalid frcnn desc pointer NULL\n"},
+      {0, 3, 8, 10, 100, 30, 4, "thread number 0 less than 1\ncreate thread pool err\n"},
+      {33, 3, 8, 10, 100, 30, 4, "thread number 33 exceed max 32\ncreate thread pool err\n"},
+      {2, 0x10000, 0x10000, 1, 100, 30, 4, "malloc for anchors err\n"},  // positions wrap to 0
+      {2, 1, 0x10000, 0x1000, 100, 30, 4, "malloc for anchors err\n"},   // exactly 4 GiB
+      {2, ~0u, ~0u, ~0u, 100, 30, 4, "malloc for anchors err\n"},
+      {2, 3, 8, 10, 0x1999999A, 30, 4, "malloc for detections err\n"},
+      {2, 3, 8, 10, 100, 0x10000, 0x1000, "malloc for anchors err\n"},  // head boxes wrap
+      {32, 3, 8, 10, 100, 30, 4, nullptr},  // accepted quietly
+      {2, 0x40000000, 0, 10, 100, 30, 4, nullptr},
+      {2, 3, 8, 10, 100, 0x7FFFFFFF, 0, nullptr},
+  };
+  for (bool qsort : {true, false})
+    for (const auto& c : cases) {
+      SCOPED_TRACE(testing::Message() << c.threads << " " << c.anchor_num << " " << c.pre_nms_num << " "
+                                      << qsort);
+      frcnn_desc d = ol_test::robust_desc(static_cast<uint8_t>(c.threads), qsort);
+      d.anchor_num = c.anchor_num;
+      d.fmap_h = c.fmap_h;
+      d.fmap_w = c.fmap_w;
+      d.pre_nms_num = c.pre_nms_num;
+      d.post_nms_num = c.post_nms_num;
+      d.class_num = c.class_num;
+      const frcnn_desc copy = d;
+      frcnn_desc* p = c.threads < 0 ? nullptr : &d;
+      size_t largest = 0;
+      const ol::alloc_hooks hooks{[](size_t bytes, void* l) {  // keeps the largest size asked
+                                    *static_cast<size_t*>(l) = std::max(*static_cast<size_t*>(l), bytes);
+                                    return true;
+                                  },
+                                  &largest};
+      void* hd = nullptr;
+      const std::string out = ol_test::printed([&] {
+        ol::set_alloc_hooks(&hooks);
+        hd = opt_layers_instance_frcnn_init(p, anchors.data());
+        ol::set_alloc_hooks(nullptr);
+        if (hd) opt_layers_instance_frcnn_exit(hd);
+      });
+      EXPECT_EQ(out, c.message ? c.message : "");
+      EXPECT_EQ(hd == nullptr, c.message != nullptr);
+      EXPECT_LT(largest, 64u << 20);
+      EXPECT_EQ(memcmp(&d, &copy, sizeof d), 0);
+      if (c.message) {
+        EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_init(p, anchors.data()), -1); }),
+                  std::string(c.message) + "frcnn_init err\n");
+      }
+      EXPECT_EQ(ol::global_context(), nullptr);
+      EXPECT_EQ(settled_threads(before), before);
+    }
 }
 
 // Fails allocation number `countdown` (counted from 0) made through the
-// library's allocator; -1: none. Counts them all.
+// library's allocator (-1: none), or every one once refuse_all is set.
+// Counts them all.
 struct failing_alloc {
-  long countdown = -1;
-  long seen = 0;
+  long countdown = -1, seen = 0;
+  bool refuse_all = false;
   static bool hook(size_t, void* user) {
     auto* self = static_cast<failing_alloc*>(user);
     ++self->seen;
-    return self->countdown < 0 || self->countdown-- != 0;
+    return !self->refuse_all && (self->countdown < 0 || self->countdown-- != 0);
   }
 };
 
 // Every allocation of init, failed in turn: init either fails with the
-// message of the step concerned and leaves nothing behind, or (for a task
-// node of the anchor bands or a row node kept in advance) tolerates it.
+// messages of the step concerned and leaves nothing behind, or (for a task
+// node of the anchor bands or a row node kept in advance) tolerates it. The
+// exit of a context needs no memory (the workers' stop items have their
+// nodes). A successful init sets up the histogram tables and keeps row nodes
+// in advance on the histogram path only.
 TEST(instance_context, every_allocation_failure_is_clean) {
   std::vector<float> anchors = ol_test::base_anchors_9();
-  const char* step_messages[] = {
-      "malloc frcnn err\n",           "fatal: no memory\n",
-      "create thread pool err\n",     "malloc for anchors err\n",
-      "malloc for rpn cls nopitch err\n", "malloc for detections err\n",
-      "malloc for order_buf err\n",   "malloc for order_rpn_index \n",
-      "malloc for histgram map err\n", "malloc for histgram list err\n",
-      "malloc for histgram num err\n", "malloc for histgram sort err\n",
-      "fatal: add task fail\n",       "fatal: no memory for simple node\n"};
+  const std::set<std::string> step_messages = {
+      "malloc frcnn err", "fatal: no memory", "create thread pool err", "malloc for anchors err",
+      "malloc for rpn cls nopitch err", "malloc for detections err", "malloc for order_buf err",
+      "malloc for order_rpn_index ", "malloc for histgram map err", "malloc for histgram list err",
+      "malloc for histgram num err", "malloc for histgram sort err", "fatal: add task fail",
+      "fatal: no memory for simple node"};
   for (bool qsort : {true, false}) {
     frcnn_desc d = ol_test::mobile_desc(3, qsort);
     const int threads_before = ol_test::quiet_threads();
@@ -294,20 +302,26 @@ TEST(instance_context, every_allocation_failure_is_clean) {
       stdout_capture cap;
       ol::set_alloc_hooks(&hooks);
       void* ctx = opt_layers_instance_frcnn_init(&d, anchors.data());
-      ol::set_alloc_hooks(nullptr);
-      const std::string out = cap.end();
-      if (k < 0) {
+      const long seen = fa.seen;
+      if (k < 0) {  // the histogram tables only on that path, N * 20 / 2048 row nodes for N positions
         ASSERT_NE(ctx, nullptr);
-        total = fa.seen;
+        total = seen;
+        const ol::hist_tables& t = static_cast<ol::frcnn_context*>(ctx)->hist;
+        size_t nodes = 0;
+        for (ol::hist_row_node* n = t.free_nodes; n; n = n->next) ++nodes;
+        EXPECT_EQ(nodes, qsort ? 0 : 9 * 19 * 32 * 20 / 2048);
+        EXPECT_EQ(t.map == nullptr && t.list == nullptr, qsort);
       }
-      if (ctx == nullptr) {
-        ++failures;
-        bool known = false;
-        for (const char* m : step_messages) known = known || out.find(m) != std::string::npos;
-        EXPECT_TRUE(known) << "allocation " << k << " printed: " << out;
-      } else {
-        opt_layers_instance_frcnn_exit(ctx);
-      }
+      fa.refuse_all = true;
+      if (ctx) opt_layers_instance_frcnn_exit(ctx);
+      ol::set_alloc_hooks(nullptr);
+      const std::string text = cap.end();
+      failures += ctx == nullptr;
+      EXPECT_TRUE(ctx || !text.empty()) << "allocation " << k << " failed init silently";
+      std::istringstream out(text);
+      EXPECT_EQ(fa.seen, seen) << "exit allocated, allocation " << k;
+      for (std::string line; std::getline(out, line);)
+        EXPECT_EQ(step_messages.count(line), 1u) << "allocation " << k << " printed: " << line;
       EXPECT_EQ(settled_threads(threads_before), threads_before) << "allocation " << k;
     }
     EXPECT_GT(total, 8);
@@ -350,51 +364,121 @@ TEST(instance_context, repeated_cycles_leave_nothing_behind) {
 
 std::atomic<long> g_hook_calls{0};
 
-// 200 frames through every entry point from the first one after init, on
-// both sort paths and both forms: no allocating call at all (init sizes
-// every buffer and queue a frame needs).
-TEST(alloc_count, steady_state_frames_allocate_nothing) {
+constexpr int kHandles = 9;  // the last one is the process-wide context
+constexpr int kFrames = 3;   // distinct input frames per handle
+const unsigned kSteps[] = {ol_test::step_prenms, ol_test::step_prenms_nms,
+                           ol_test::step_pre_nms_roi | ol_test::step_post_nms, ol_test::step_all};
+
+// Handles in threes, on 1, 2 and 3 workers each: the robustness frame on
+// map heights 10, 11 and 12 with 100 proposals kept (the head decode's
+// largest batch of tasks), the comparison sort on the first three, and
+// foreground-only filtered scores (the parallel filter over runs of
+// anchors) on the second.
+frcnn_desc handle_desc(int i) {
+  frcnn_desc d = ol_test::robust_desc(static_cast<uint8_t>(1 + i % 3), i / 3 == 0);
+  d.fmap_h = 10 + i / 3;
+  d.is_rpn_cls_fg_only = d.is_filter_rpn_cls = i / 3 == 1;
+  d.rpn_cls_threshold = 0.2f;
+  d.pre_nms_num = 300;
+  d.post_nms_num = 100;
+  d.pre_nms_iou = 0.9f;
+  return d;
+}
+
+// Eight handles and the process-wide context. From the first frame after
+// init, each runs its frames twice through every entry point with no
+// allocating call at all (init sizes every buffer and queue a frame needs).
+// Every frame gives the same on 1, 2 and 3 workers. Then nine threads drive
+// the handles, every step mix of every frame, while another thread keeps
+// creating, using and destroying handles: every frame must give exactly
+// what it gave on one thread. OL_STRESS_FRAMES sets the frames per
+// thread (default 1000).
+TEST(frames, allocate_nothing_and_match_one_thread_on_many_threads) {
+  const char* env = getenv("OL_STRESS_FRAMES");
+  const int per_thread = env ? atoi(env) : 1000;
   std::vector<float> anchors = ol_test::base_anchors_9();
+  std::vector<frcnn_desc> descs;
+  std::vector<void*> handles;
+  std::vector<std::vector<frame_arrays>> frames(kHandles);
+  for (int i = 0; i < kHandles; ++i) {
+    descs.push_back(handle_desc(i));
+    if (i + 1 < kHandles) {
+      handles.push_back(opt_layers_instance_frcnn_init(&descs[i], anchors.data()));
+      ASSERT_NE(handles[i], nullptr);
+    } else {
+      ASSERT_EQ(opt_layers_frcnn_init(&descs[i], anchors.data()), 0);
+      handles.push_back(nullptr);
+    }
+    for (int f = 0; f < kFrames; ++f) frames[i].emplace_back(descs[i]);
+  }
+  // Frame f of handle i with its outputs poisoned (so that what a frame
+  // leaves unwritten compares too); in the last one identical scores pile
+  // up in one bucket beyond its inline slots (the histogram path needs
+  // overflow nodes).
+  auto load = [&](int i, int f) -> frame_arrays& {
+    frames[i][f].fill(i / 3 * kFrames + f);
+    for (size_t j = 0; f + 1 == kFrames && j < frames[i][f].cls.n; j += 2)
+      frames[i][f].cls[j] = ol_test::h(0.75f);
+    return frames[i][f];
+  };
   static ol::alloc_hooks hooks{[](size_t, void*) {
                                  if (g_counting.load(std::memory_order_relaxed)) ++g_hook_calls;
                                  return true;
                                },
                                nullptr};
-  for (int form = 0; form < 4; ++form) {
-    const bool qsort = form < 2, global = form & 1;
-    SCOPED_TRACE(testing::Message() << "qsort " << qsort << " global " << global);
-    frcnn_desc d = ol_test::mobile_desc(3, qsort);
-    d.fmap_d = 32;
-    d.is_filter_rpn_cls = 1;  // the parallel filter over runs of anchors
-    d.is_rpn_cls_fg_only = 1;
-    d.rpn_cls_threshold = 0.05f;
-    void* h = global ? nullptr : opt_layers_instance_frcnn_init(&d, anchors.data());
-    ASSERT_TRUE(global ? opt_layers_frcnn_init(&d, anchors.data()) == 0 : h != nullptr);
-    std::vector<ol_test::frame_arrays> frames;
-    for (int f = 0; f < 4; ++f) {
-      frames.emplace_back(d);
-      frames.back().fill(100 + f);
-    }
-    // Identical scores pile up in one bucket beyond its inline slots: the
-    // histogram path needs overflow nodes.
-    for (size_t i = 0; i < frames[3].cls.n; i += 2) frames[3].cls[i] = ol_test::h(0.75f);
-    int rois = 0, failed = 0;
-    ol::set_alloc_hooks(&hooks);
-    g_calls = g_hook_calls = 0;
-    g_counting = true;
-    for (int f = 0; f < 200; ++f) {
-      const ol_test::frame_result r = ol_test::run_frame(h, frames[f % 4], ol_test::step_all, 0, false);
-      rois += r.r2;
-      failed += r.k < 0 || r.r < 0 || r.r2 != r.r || r.post != 0;
-    }
-    g_counting = false;
-    ol::set_alloc_hooks(nullptr);
-    EXPECT_EQ(failed, 0);
-    EXPECT_GT(rois, 200);
-    EXPECT_EQ(g_hook_calls.load(), 0);
-    EXPECT_EQ(g_calls.load(), 0) << "allocating C library calls during 200 frames";
-    global ? opt_layers_frcnn_exit() : opt_layers_instance_frcnn_exit(h);
+  int rois = 0, failed = 0;
+  ol::set_alloc_hooks(&hooks);
+  g_calls = g_hook_calls = 0;
+  g_counting = true;
+  for (int n = 0; n < 2 * kHandles * kFrames; ++n) {
+    const ol_test::frame_result r = run_frame(handles[n % kHandles], load(n % kHandles, n / kHandles % kFrames),
+                                              ol_test::step_all, 0, false);
+    rois += r.r2;
+    failed += r.k < 0 || r.r < 0 || r.r2 != r.r || r.post != 0;
   }
+  g_counting = false;
+  ol::set_alloc_hooks(nullptr);
+  EXPECT_EQ(failed, 0);
+  EXPECT_GT(rois, 2 * kHandles * kFrames);
+  EXPECT_EQ(g_hook_calls.load(), 0);
+  EXPECT_EQ(g_calls.load(), 0) << "allocating C library calls";
+
+  // Reference: every frame and step mix on one thread, the same for the
+  // handle on one worker (k / 12 % 3 == 0) and its two siblings.
+  std::vector<frame_result> expect(kHandles * kFrames * 4);
+  for (int k = 0; k < kHandles * kFrames * 4; ++k) {
+    expect[k] = run_frame(handles[k / 12], load(k / 12, k / 4 % 3), kSteps[k % 4]);
+    EXPECT_TRUE(expect[k] == expect[k - k / 12 % 3 * 12]) << k;
+  }
+  std::atomic<int> mismatches{0}, churn{0};
+  std::atomic<bool> stop{false};
+  std::vector<std::thread> workers;
+  for (int i = 0; i < kHandles; ++i)
+    workers.emplace_back([&, i] {
+      for (int n = 0; n < per_thread; ++n) {
+        const int f = (n * 7 + i) % kFrames, s = (n + n / kFrames) % 4;
+        const frame_result r = run_frame(handles[i], load(i, f), kSteps[s]);
+        if (!(r == expect[(i * kFrames + f) * 4 + s])) ++mismatches;
+      }
+    });
+  // Handles come and go beside the busy ones, each running frame 0 of handle 3.
+  std::thread churner([&] {
+    frcnn_desc d = handle_desc(3);
+    frame_arrays a(d);
+    do {
+      void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
+      a.fill(1 * kFrames);  // as load(3, 0)
+      if (h == nullptr || !(run_frame(h, a) == expect[3 * kFrames * 4 + 3])) ++mismatches;
+      opt_layers_instance_frcnn_exit(h);
+      ++churn;
+    } while (!stop.load());
+  });
+  for (std::thread& t : workers) t.join();
+  stop = true;
+  churner.join();
+  EXPECT_EQ(mismatches.load(), 0);
+  EXPECT_GT(churn.load(), 0);
+  for (void* h : handles) h ? opt_layers_instance_frcnn_exit(h) : opt_layers_frcnn_exit();
 }
 
 }  // namespace

@@ -1,12 +1,11 @@
-// Robustness: hostile descriptors, NaN and infinities in every input, and
-// the largest sizes on 128 KiB stacks, through one table of the entry points
-// (common/frame_gen.h) and one of the operators. Caller arrays are sized
+// Robustness: hostile frames and descriptors, NaN and infinities in every
+// input, and the largest sizes on 128 KiB stacks, through the entry points
+// (common/frame_gen.h) and one table of the operators. Caller arrays are sized
 // exactly (AddressSanitizer reports any access past them).
 #include <math.h>
 
 #include <string>
 
-#include "common/alloc.h"
 #include "common/frame_gen.h"
 #include "frcnn/context.h"
 
@@ -23,8 +22,6 @@ struct handle : ol_test::handle {
   using ol_test::handle::handle;
   const ol::frcnn_context* ctx() const { return static_cast<const ol::frcnn_context*>(h); }
 };
-
-// ---- the operators, one table -----------------------------------------------
 
 // Shared inputs: a 16-bit map of W x H cells (four 16-channel blocks for
 // ROI pooling, 32 channels for the bilinear operators), a float map of at
@@ -47,259 +44,153 @@ struct op_inputs {
   }
 };
 
-// Runs operator `op` over a grid of gw x gh bins into out (all of it
-// poisoned first); returns the operator's result.
-using op_fn = int (*)(op_inputs&, int gw, int gh, std::vector<short>& out);
-struct op_entry {
-  const char* name;
-  op_fn run;
-  bool nan_box_gives_zeros;
-};
-int pool_op(op_inputs& in, int gw, int gh, std::vector<short>& out, bool sign) {
-  out.assign(size_t(2) * 4 * gw * gh * 16, 0x5A5A);
-  return (sign ? roi_pooling_sign : roi_pooling)(ol_test::as_half(in.hbox), in.hmap.data(),
-                                                 reinterpret_cast<uint16_t*>(out.data()), 2, gw, gh, 0,
-                                                 16, 0, in.H, in.W, 64);
-}
-int bilinear_op(op_inputs& in, int gw, int gh, std::vector<short>& out, int which) {
+// Operator `op` (an index into kOperators) over a grid of gw x gh bins into
+// out (all of it poisoned first); returns the operator's result. The
+// position-sensitive entry runs both forms and both channel paths; out then
+// holds 1 where the last call wrote a non-zero float.
+const char* const kOperators[] = {"roi_pooling", "roi_pooling_sign", "roi_align", "roi_align_four",
+                                  "crop_and_resize", "ps_roi_pooling"};
+int run_op(int op, op_inputs& in, int gw, int gh, std::vector<short>& out) {
   short* maps[3] = {in.smap.data(), in.smap.data(), in.smap.data()};
   unsigned scales[3] = {1, 1, 1};
-  out.assign(size_t(2) * gw * gh * 32, 0x5A5A);
-  ol_test::stdout_capture cap;  // crop_and_resize prints a line per sample outside the map
   float* b = in.fbox.data();
-  return which == 0   ? roi_align_fmap_int16(in.smap.data(), 16, b, 2, in.W, in.H, gw, gh, 32, out.data())
-         : which == 1 ? roi_align_four_fmap_int16(maps, scales, b, 2, in.W, in.H, gw, gh, 32, out.data())
-                      : crop_and_resize_fmap_int16(in.smap.data(), 0.1f, 0.1f, 0.0f, b, 2, in.W, in.H, gw,
-                                                   gh, 32, out.data());
-}
-// Both position-sensitive forms and both channel paths; out holds 1 where
-// the last call wrote a non-zero float.
-int ps_op(op_inputs& in, int, int, std::vector<short>& out) {
+  out.assign(size_t(2) * gw * gh * (op < 2 ? 64 : 32), 0x5A5A);
+  ol_test::stdout_capture cap;  // crop_and_resize prints a line per sample outside the map
+  switch (op) {
+    case 0:
+    case 1:
+      return (op ? roi_pooling_sign : roi_pooling)(ol_test::as_half(in.hbox), in.hmap.data(),
+                                                   reinterpret_cast<uint16_t*>(out.data()), 2, gw, gh, 0,
+                                                   16, 0, in.H, in.W, 64);
+    case 2: return roi_align_fmap_int16(in.smap.data(), 16, b, 2, in.W, in.H, gw, gh, 32, out.data());
+    case 3: return roi_align_four_fmap_int16(maps, scales, b, 2, in.W, in.H, gw, gh, 32, out.data());
+    case 4:
+      return crop_and_resize_fmap_int16(in.smap.data(), 0.1f, 0.1f, 0.0f, b, 2, in.W, in.H, gw, gh, 32,
+                                        out.data());
+  }
   const int g = in.group;
   std::vector<float> o(size_t(2) * g * g * 24, 3.0f);
-  int rc = ps_roi_pooling(in.psmap.data(), in.psW, in.psH, g * g * 21, 24, in.fbox.data(), 2, o.data(),
-                          g, g, 21, 24, 0.125f, g);
+  int rc = ps_roi_pooling(in.psmap.data(), in.psW, in.psH, g * g * 21, 24, b, 2, o.data(), g, g, 21, 24,
+                          0.125f, g);
   for (int oc : {21, 10})
-    rc |= ps_roi_pooling_scale(in.psmap.data(), in.psW, in.psH, g * g * oc, 24, in.fbox.data(), 2,
-                               o.data(), g, g, oc, 24, 0.0625f, g, 1.2f, 1.0f, 1.0f);
+    rc |= ps_roi_pooling_scale(in.psmap.data(), in.psW, in.psH, g * g * oc, 24, b, 2, o.data(), g, g, oc, 24,
+                               0.0625f, g, 1.2f, 1.0f, 1.0f);
   out.assign(o.size(), 0);
   for (size_t i = 0; i < o.size(); ++i) out[i] = o[i] != 0.0f;
   return rc;
 }
-const op_entry kOperators[] = {
-    {"roi_pooling", [](op_inputs& in, int w, int h, std::vector<short>& o) { return pool_op(in, w, h, o, false); }, false},
-    {"roi_pooling_sign", [](op_inputs& in, int w, int h, std::vector<short>& o) { return pool_op(in, w, h, o, true); }, false},
-    {"roi_align", [](op_inputs& in, int w, int h, std::vector<short>& o) { return bilinear_op(in, w, h, o, 0); }, true},
-    {"roi_align_four", [](op_inputs& in, int w, int h, std::vector<short>& o) { return bilinear_op(in, w, h, o, 1); }, true},
-    {"crop_and_resize", [](op_inputs& in, int w, int h, std::vector<short>& o) { return bilinear_op(in, w, h, o, 2); }, true},
-    {"ps_roi_pooling", ps_op, true},
-};
 
-// NaN boxes (and NaN, infinite maps and scales) index nothing outside the
-// maps; where the box is NaN the output is the documented zeros.
-TEST(nan_inputs, operators) {
-  op_inputs in(9, 7, 3, {NAN, NAN, NAN, NAN, -INFINITY, -INFINITY, INFINITY, INFINITY});
-  for (const op_entry& op : kOperators) {
-    SCOPED_TRACE(op.name);
-    std::vector<short> out;
-    EXPECT_EQ(op.run(in, 3, 3, out), 0);
-    for (size_t i = 0; op.nan_box_gives_zeros && i < out.size() / 2; ++i) ASSERT_EQ(out[i], 0) << i;
-  }
-  ol_test::stdout_capture cap;
-  std::vector<short> out(2 * 4 * 3 * 16);
-  EXPECT_EQ(crop_and_resize_fmap_int16(in.smap.data(), NAN, INFINITY, NAN, in.fbox.data(), 2, 9, 7, 4, 3,
-                                       16, out.data()), 0);
-  std::vector<float> fout(2 * 9 * 24);
-  EXPECT_EQ(ps_roi_pooling_scale(in.psmap.data(), 8, 7, 9 * 21, 24, in.fbox.data(), 2, fout.data(), 3, 3,
-                                 21, 24, NAN, 3, INFINITY, NAN, -INFINITY), 0);
-}
-
-// Every operator at long grids in each direction (4096 x 1 and 1 x 4096
-// bins; 21 x 21 position-sensitive bins) from a 128 KiB stack.
-TEST(small_stack, operators_at_large_sizes) {
-  op_inputs in(64, 64, 21, {2, 3, 500, 400, 10, 10, 300, 600});
-  int rc = 0;
+// Every operator on a 128 KiB stack: at long grids in each direction (4096 x
+// 1 and 1 x 4096 bins; 21 x 21 position-sensitive bins), and with NaN and
+// infinite boxes, maps and scales, indexing nothing outside the maps; where
+// the box is NaN the output is the documented zeros.
+TEST(small_stack, operators_at_large_sizes_and_nan_inputs) {
+  op_inputs nan_in(9, 7, 3, {NAN, NAN, NAN, NAN, -INFINITY, -INFINITY, INFINITY, INFINITY});
+  op_inputs large(64, 64, 21, {2, 3, 500, 400, 10, 10, 300, 600});
   ol_test::on_small_stack([&] {
-    for (const op_entry& op : kOperators)
-      for (int wide : {0, 1}) {
-        std::vector<short> o;
-        rc |= op.run(in, wide ? 4096 : 2, wide ? 2 : 4096, o);
-      }
-  });
-  EXPECT_EQ(rc, 0);
-}
-
-// The pipeline at pre_nms_num and post_nms_num 32767 with 81 classes, every
-// proposal kept, then the head over more ROIs than post_nms_num (clamped),
-// from a 128 KiB stack while the workers run on theirs.
-TEST(small_stack, pipeline_at_the_largest_counts) {
-  for (bool qsort : {true, false}) {
-    frcnn_desc d = ol_test::vgg16_desc(2, qsort);
-    d.fmap_h = d.fmap_w = d.fmap_pitch = d.rpn_cls_pitch = 64;
-    d.img_h = d.img_w = 1024;
-    d.min_size = 0;
-    d.pre_nms_num = d.post_nms_num = 32767;
-    d.class_num = d.rcnn_cls_pitch = 81;
-    d.rcnn_bbox_pitch = 4 * 81;
-    d.fmap_d = 16;
-    d.cls_prob = 0.099f;
-    d.pre_nms_iou = 0.3f;
-    handle hd(d);
-    ASSERT_NE(hd.h, nullptr);
-    frame_arrays a(d, d.post_nms_num);
-    a.fill(11);
-    ol_test::rng g(3);  // head probabilities mostly below cls_prob: short suppressions
-    for (size_t i = 0; i < a.rcnn_cls.n; ++i) a.rcnn_cls[i] = h(g.uniform(0.0f, 0.1f));
-    ol_test::frame_result r;
-    ol_test::on_small_stack([&] {
-      ol_test::stdout_capture cap;
-      r = run_frame(hd.h, a, ol_test::step_prenms | ol_test::step_pre_nms_roi, 0, false);
-      r.post = ol_test::frame_calls{hd.h, a}.post_nms(40000);
-    });
-    EXPECT_EQ(r.k, 32767);
-    EXPECT_GT(r.r2, 0);
-    EXPECT_EQ(r.post, 0);
-  }
-}
-
-// ---- hostile descriptors ----------------------------------------------------
-
-// Sizes whose buffers would need 4 GiB or more or whose 32-bit products wrap
-// are refused with the message of that buffer (message NULL: huge counts that
-// size no buffer, accepted). Init never asks the heap for such a size, leaves
-// the caller's record alone and no thread behind.
-TEST(hostile_desc, oversized_buffers_are_refused_with_their_message) {
-  const struct {
-    uint32_t anchor_num, fmap_h, fmap_w, pre_nms_num, post_nms_num, class_num;
-    const char* message;
-  } cases[] = {
-      {0x10000, 0x10000, 1, 100, 30, 4, "malloc for anchors err\n"},  // positions wrap to 0
-      {1, 0x10000, 0x1000, 100, 30, 4, "malloc for anchors err\n"},   // exactly 4 GiB
-      {~0u, ~0u, ~0u, 100, 30, 4, "malloc for anchors err\n"},
-      {3, 8, 10, 0x1999999A, 30, 4, "malloc for detections err\n"},
-      {3, 8, 10, 100, 0x10000, 0x1000, "malloc for anchors err\n"},  // head boxes wrap
-      {0x40000000, 0, 10, 100, 30, 4, nullptr},
-      {3, 8, 10, 100, 0x7FFFFFFF, 0, nullptr},
-  };
-  std::vector<float> anchors(4 * 16, 1.0f);
-  const int threads = ol_test::quiet_threads();
-  for (bool qsort : {true, false}) {
-    for (const auto& c : cases) {
-      SCOPED_TRACE(testing::Message() << c.anchor_num << " " << c.pre_nms_num << " " << qsort);
-      frcnn_desc d = ol_test::robust_desc(2, qsort);
-      d.anchor_num = c.anchor_num;
-      d.fmap_h = c.fmap_h;
-      d.fmap_w = c.fmap_w;
-      d.pre_nms_num = c.pre_nms_num;
-      d.post_nms_num = c.post_nms_num;
-      d.class_num = c.class_num;
-      const frcnn_desc copy = d;
-      size_t largest = 0;
-      const ol::alloc_hooks hooks{[](size_t bytes, void* l) {  // keeps the largest size asked
-                                    *static_cast<size_t*>(l) = std::max(*static_cast<size_t*>(l), bytes);
-                                    return true;
-                                  },
-                                  &largest};
-      void* hd = nullptr;
-      const std::string out = ol_test::printed([&] {
-        ol::set_alloc_hooks(&hooks);
-        hd = opt_layers_instance_frcnn_init(&d, anchors.data());
-        ol::set_alloc_hooks(nullptr);
-      });
-      EXPECT_EQ(out, c.message ? c.message : "");
-      EXPECT_EQ(hd == nullptr, c.message != nullptr);
-      EXPECT_LT(largest, 64u << 20);
-      EXPECT_EQ(memcmp(&d, &copy, sizeof d), 0);
-      if (hd) opt_layers_instance_frcnn_exit(hd);
-      if (!c.message) continue;
-      EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_init(&d, anchors.data()), -1); }),
-                std::string(c.message) + "frcnn_init err\n");
-      EXPECT_EQ(ol::global_context(), nullptr);
-      EXPECT_EQ(ol_test::settled_threads(threads), threads);
+    for (int op = 0; op < 6; ++op) {
+      SCOPED_TRACE(kOperators[op]);
+      std::vector<short> out;
+      EXPECT_EQ(run_op(op, nan_in, 3, 3, out), 0);
+      for (size_t i = 0; op >= 2 && i < out.size() / 2; ++i) ASSERT_EQ(out[i], 0) << i;  // not for ROI pooling
+      for (int wide : {0, 1}) EXPECT_EQ(run_op(op, large, wide ? 4096 : 2, wide ? 2 : 4096, out), 0);
     }
-  }
+    ol_test::stdout_capture cap;
+    std::vector<short> out(2 * 4 * 3 * 16);
+    EXPECT_EQ(crop_and_resize_fmap_int16(nan_in.smap.data(), NAN, INFINITY, NAN, nan_in.fbox.data(), 2, 9, 7, 4,
+                                         3, 16, out.data()), 0);
+    std::vector<float> fout(2 * 9 * 24);
+    EXPECT_EQ(ps_roi_pooling_scale(nan_in.psmap.data(), 8, 7, 9 * 21, 24, nan_in.fbox.data(), 2, fout.data(), 3,
+                                   3, 21, 24, NAN, 3, INFINITY, NAN, -INFINITY), 0);
+  });
 }
 
-// Frames that find nothing (empty maps, no anchors, no proposals), class_num
-// 0 and 1 in every head layout, and every input array sprinkled with NaN and
-// infinities (one value in 16, 3 or 1), on both sort paths: every entry point
-// returns normally, post_nms returns 0, counts stay in range, every proposal
-// and decoded head box lies inside the 500 x 300 image, and the table gets
-// only what it has room for.
-TEST(hostile_frames, run_and_stay_in_range) {
+// Hostile frames and counts through every entry point, from a 128 KiB stack
+// while the workers run on theirs: frames that find nothing (empty maps, no
+// anchors, no proposals), class_num 0 and 1 in every head layout, every
+// input array sprinkled with NaN and infinities (one value in 16, 3 or 1),
+// and pre_nms_num and post_nms_num at 32767 and beyond with up to 81
+// classes. Every entry point returns normally; without NaN every position
+// gives a proposal up to pre_nms_num; the NMS count stays within
+// post_nms_num and 32767 (and is 0 beyond 32767 candidates: the
+// suppression's count is 16-bit); every proposal and decoded head box lies
+// inside the 500 x 300 image; post_nms with more ROIs than post_nms_num is
+// clamped with its message; the table gets only what it has room for.
+TEST(small_stack, hostile_frames_and_counts) {
   auto inside = [](const std::vector<float>& v) {
     for (size_t i = 0; i < v.size(); ++i)
       ASSERT_TRUE(v[i] >= 0.0f && v[i] <= (i % 2 ? 299.0f : 499.0f)) << i << " " << v[i];
   };
-  for (int which = 0; which < 18; ++which) {
-    SCOPED_TRACE(which);
-    frcnn_desc d = ol_test::robust_desc(2, which & 1);
-    const bool empty = which < 4, layout = which >= 4 && which < 12;
-    const int density = which < 12 ? 0 : (which < 14 ? 16 : (which < 16 ? 3 : 1));
-    if (which == 0) d.fmap_h = 0;
-    if (which == 1) d.fmap_w = 0;
-    if (which == 2) d.anchor_num = 0;
-    if (which == 3) d.pre_nms_num = d.post_nms_num = 0;
-    if (layout) {
-      d.class_num = d.rcnn_cls_pitch = which >= 8;
-      d.rcnn_bbox_share_location = which & 1;
-      d.is_no_rcnn_bg_bbox = (which >> 1) & 1;
-      d.rcnn_bbox_pitch = 4 * d.class_num;
-    }
-    d.is_rpn_cls_fg_only = density != 0;
-    d.is_filter_rpn_cls = density == 3;
+  const struct {
+    uint32_t fmap_h, fmap_w, anchors, pre, post, classes;
+    int layout;   // bit 0: rcnn_bbox_share_location, bit 1: is_no_rcnn_bg_bbox
+    int density;  // one input value in `density` a NaN or an infinity (0: none)
+    bool qsort;
+  } cases[] = {
+      {0, 10, 3, 100, 30, 4, 0, 0, false},   {8, 0, 3, 100, 30, 4, 0, 0, true},
+      {8, 10, 0, 100, 30, 4, 0, 0, false},   {8, 10, 3, 0, 0, 4, 0, 0, true},
+      {8, 10, 3, 100, 30, 0, 0, 0, false},   {8, 10, 3, 100, 30, 0, 1, 0, true},
+      {8, 10, 3, 100, 30, 0, 2, 0, false},   {8, 10, 3, 100, 30, 0, 3, 0, true},
+      {8, 10, 3, 100, 30, 1, 0, 0, false},   {8, 10, 3, 100, 30, 1, 1, 0, true},
+      {8, 10, 3, 100, 30, 1, 2, 0, false},   {8, 10, 3, 100, 30, 1, 3, 0, true},
+      {8, 10, 3, 100, 30, 4, 0, 16, false},  {8, 10, 3, 100, 30, 4, 0, 16, true},
+      {8, 10, 3, 100, 30, 4, 0, 3, false},   {8, 10, 3, 100, 30, 4, 0, 3, true},
+      {8, 10, 3, 100, 30, 4, 0, 1, false},   {8, 10, 3, 100, 30, 4, 0, 1, true},
+      {60, 80, 9, 32767, 32767, 81, 0, 0, true}, {60, 80, 9, 32767, 32767, 81, 0, 0, false},
+      {60, 80, 9, 40000, 32767, 3, 0, 0, true},  {60, 80, 9, 32767, 40000, 3, 0, 0, false},
+      {60, 80, 9, 65536, 65535, 3, 0, 0, true},
+  };
+  int seed = 0;
+  for (const auto& c : cases) {
+    SCOPED_TRACE(testing::Message() << "row " << seed);
+    frcnn_desc d = ol_test::robust_desc(2, c.qsort);
+    d.fmap_h = c.fmap_h;
+    d.fmap_w = c.fmap_w;
+    d.fmap_pitch = d.rpn_cls_pitch = c.fmap_w + 1;
+    d.anchor_num = c.anchors;
+    d.pre_nms_num = c.pre;
+    d.post_nms_num = c.post;
+    d.class_num = d.rcnn_cls_pitch = c.classes;
+    d.rcnn_bbox_pitch = 4 * c.classes;
+    d.rcnn_bbox_share_location = c.layout & 1;
+    d.is_no_rcnn_bg_bbox = c.layout >> 1;
+    d.is_rpn_cls_fg_only = c.density != 0;
+    d.is_filter_rpn_cls = c.density == 3;
+    const bool large = c.pre > 1000;  // close boxes all kept, few detections: short suppressions
+    d.pre_nms_iou = large ? 0.95f : d.pre_nms_iou;
+    d.cls_prob = large ? 0.099f : d.cls_prob;
     handle hd(d);
     ASSERT_NE(hd.h, nullptr);
-    frame_arrays a(d);
-    a.fill(density ? density : which);
-    ol_test::rng g(density);
+    frame_arrays a(d, c.post + 5);
+    a.fill(seed);
+    ol_test::rng g(seed++);
     for (auto* v : {&a.cls, &a.bbox, &a.rcnn_cls, &a.rcnn_bbox})
-      for (size_t i = 0; density && i < v->n; ++i)
-        if (g.next() % density == 0) (*v)[i] = kSpecials[g.next() % 7];
-    const ol_test::frame_result r = run_frame(hd.h, a);
-    EXPECT_GE(r.k, 0);
-    EXPECT_GE(r.r, 0);
-    EXPECT_LE(r.r, 30);
+      for (size_t i = 0; c.density && i < v->n; ++i)
+        if (g.next() % c.density == 0) (*v)[i] = kSpecials[g.next() % 7];
+    for (size_t i = 0; large && i < a.rcnn_cls.n; ++i) a.rcnn_cls[i] = h(g.uniform(0.0f, 0.1f));
+    ol_test::frame_result r;
+    std::string out;
+    ol_test::on_small_stack([&] {
+      ol_test::stdout_capture cap;
+      r = run_frame(hd.h, a, ol_test::step_prenms | ol_test::step_prenms_nms | ol_test::step_pre_nms_roi);
+      r.post = ol_test::frame_calls{hd.h, a}.post_nms(c.post + 5);
+      out = cap.end();
+    });
+    const int limit = static_cast<int>(std::min(c.post, 32767u));
+    const uint64_t positions = uint64_t{c.anchors} * c.fmap_h * c.fmap_w;
+    EXPECT_TRUE(c.density ? r.k >= 0 : r.k == static_cast<int>(std::min<uint64_t>(c.pre, positions))) << r.k;
     EXPECT_EQ(r.r2, r.r);
+    EXPECT_LE(r.r, limit);
+    EXPECT_EQ(r.r > 0, r.k > 0 && r.k <= 32767 && limit > 0) << r.r;
     EXPECT_EQ(r.post, 0);
-    EXPECT_TRUE(density || (r.r == 0 && r.k == 0) == empty);
-    EXPECT_TRUE(d.class_num != 1 || a.rcnn_result[0] == 0);
+    EXPECT_EQ(out, ol_test::format("Abnormal frcnn post nms rois num: %u > %u\n", c.post + 5, c.post));
+    EXPECT_TRUE(c.classes != 1 || a.rcnn_result[0] == 0);
+    for (uint32_t cl = 1; cl < c.classes; ++cl) EXPECT_LE(ol_test::f(a.rcnn_result[cl]), limit);
     std::vector<float> props;
     for (size_t i = 0; i < r.proposals.size(); ++i)
       if (i % 5 != 4) props.push_back(ol_test::f(r.proposals[i]));
     inside(props);
-    inside(std::vector<float>(hd.ctx()->rcnn_boxes, hd.ctx()->rcnn_boxes + 4 * r.r2 * d.class_num));
-    for (uint32_t c = 1; c < d.class_num; ++c) EXPECT_LE(ol_test::f(r.rcnn_result[c]), 30.0f);
-  }
-}
-
-// pre_nms_num and post_nms_num at 32767 and beyond: the NMS count stays
-// within 32767, and post_nms with more ROIs than post_nms_num is clamped.
-TEST(hostile_desc, proposal_counts_at_and_beyond_32767) {
-  const uint32_t counts[][2] = {{32767, 32767}, {40000, 32767}, {32767, 40000}, {65536, 65535}};
-  for (const auto& c : counts) {
-    SCOPED_TRACE(testing::Message() << "pre " << c[0] << " post " << c[1]);
-    frcnn_desc d = ol_test::robust_desc(2, true);
-    d.anchor_num = 9;
-    d.fmap_h = 60;
-    d.fmap_w = d.fmap_pitch = d.rpn_cls_pitch = 80;  // 43200 positions
-    d.pre_nms_iou = 0.95f;
-    d.class_num = d.rcnn_cls_pitch = 3;
-    d.rcnn_bbox_pitch = 12;
-    d.pre_nms_num = c[0];
-    d.post_nms_num = c[1];
-    handle hd(d);
-    ASSERT_NE(hd.h, nullptr);
-    frame_arrays a(d, d.post_nms_num + 5);
-    a.fill(c[0] ^ c[1]);
-    const ol_test::frame_result r = run_frame(hd.h, a, ol_test::step_prenms | ol_test::step_prenms_nms);
-    EXPECT_EQ(static_cast<uint32_t>(r.k), std::min(d.pre_nms_num, 43200u));
-    EXPECT_GE(r.r, 0);
-    EXPECT_LE(r.r, 32767);
-    EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ((ol_test::frame_calls{hd.h, a}.post_nms(d.post_nms_num + 5)), 0); }),
-              ol_test::format("Abnormal frcnn post nms rois num: %u > %u\n", d.post_nms_num + 5,
-                              d.post_nms_num));
-    for (uint32_t cl = 1; cl < d.class_num; ++cl) EXPECT_LE(ol_test::f(a.rcnn_result[cl]), 32767.0f);
+    inside(std::vector<float>(hd.ctx()->rcnn_boxes, hd.ctx()->rcnn_boxes + size_t(4) * c.post * c.classes));
   }
 }
 

@@ -1,3 +1,7 @@
+// The worker pool: its messages, every task back exactly once on 1 and 32
+// workers, refused tasks and allocation failures. (The failures of create
+// and a destroy that needs no memory are exercised through init and exit of
+// the pipeline context.)
 // ctest-labels: threaded
 #include "thread_pool/thread_pool.h"
 
@@ -65,15 +69,26 @@ struct alloc_failer {
   ~alloc_failer() { remove(); }
 };
 
-// Tasks that each wait until the gate is opened (the test's deadline ends a
-// run that never opens it).
+// Tasks that each note the stack size of their worker and wait until the
+// gate is opened (the test's deadline ends a run that never opens it).
 struct gate {
-  std::atomic<uint32_t> arrived{0};
+  std::atomic<uint32_t> arrived{0}, other_stacks{0};
   std::atomic<int> open{0};
   std::vector<thread_task> tasks;
   explicit gate(uint32_t n) : tasks(n, {run, this, 1}) {}
   static int32_t run(void* a) {
     gate* g = static_cast<gate*>(a);
+    pthread_attr_t attr;
+    size_t bytes = 0;
+    if (pthread_getattr_np(pthread_self(), &attr) == 0) {
+      pthread_attr_getstacksize(&attr, &bytes);
+      pthread_attr_destroy(&attr);
+    }
+#ifdef __SANITIZE_THREAD__
+    g->other_stacks += bytes < ol::k_worker_stack_bytes;  // the runtime adds its own share
+#else
+    g->other_stacks += bytes != ol::k_worker_stack_bytes;
+#endif
     g->arrived.fetch_add(1);
     while (!g->open.load()) usleep(200);
     return 0;
@@ -110,8 +125,8 @@ TEST(thread_pool, invalid_arguments_messages) {
 }
 
 // Every worker exists and runs at once, on the small fixed stack, and is
-// joined by destroy; every task comes back exactly once, run on a worker (in
-// queue order with one worker); wait blocks until a task finishes.
+// joined by destroy; every accepted task comes back exactly once, run on a
+// worker (in queue order with one worker).
 TEST(thread_pool, one_and_thirty_two_workers) {
   const int before = threads_before();
   for (uint32_t n : {1u, 32u}) {
@@ -119,24 +134,6 @@ TEST(thread_pool, one_and_thirty_two_workers) {
     thread_pool* pool = ol::thread_pool_create(n);
     ASSERT_NE(pool, nullptr);
     EXPECT_EQ(ol_test::live_threads(), before + static_cast<int>(n));
-    size_t stack_bytes = 0;
-    thread_task probe = {[](void* bytes) -> int32_t {
-                           pthread_attr_t attr;
-                           if (pthread_getattr_np(pthread_self(), &attr) != 0) return -1;
-                           pthread_attr_getstacksize(&attr, static_cast<size_t*>(bytes));
-                           pthread_attr_destroy(&attr);
-                           usleep(50000);  // wait must block until this is done
-                           return 0;
-                         },
-                         &stack_bytes, 1};
-    ASSERT_EQ(ol::thread_pool_add_task(pool, &probe), 0);
-    EXPECT_EQ(ol::thread_pool_wait(pool), &probe);
-    EXPECT_EQ(probe.retval, 0);
-#ifdef __SANITIZE_THREAD__
-    EXPECT_GE(stack_bytes, ol::k_worker_stack_bytes);  // the runtime adds its own share
-#else
-    EXPECT_EQ(stack_bytes, ol::k_worker_stack_bytes);
-#endif
     // A gate holds every worker at once; the records queue up behind it and
     // all run before the first wait, so with one worker both queues must keep
     // the order by themselves.
@@ -144,7 +141,19 @@ TEST(thread_pool, one_and_thirty_two_workers) {
     init_records(recs);
     gate held(n);
     held.hold(pool);
+    EXPECT_EQ(held.other_stacks.load(), 0u);
     for (auto& r : recs) ASSERT_EQ(ol::thread_pool_add_task(pool, &r.task), 0);
+    // Every node now in use: a task whose done node (allocation 0) or task
+    // node (allocation 1) cannot be had is refused and leaves no node reserved.
+    std::vector<record> refused(2);
+    init_records(refused);
+    for (int which = 0; which < 2; ++which) {
+      alloc_failer f(which, which);
+      EXPECT_EQ(ol::thread_pool_add_task(pool, &refused[which].task), -1);
+      f.remove();
+      EXPECT_EQ(f.count, which + 1);
+      EXPECT_EQ(pool->done_queue->reserved, n + recs.size());
+    }
     held.open.store(1);
     for (auto& r : recs)
       while (r.runs.load() == 0) usleep(200);
@@ -159,53 +168,29 @@ TEST(thread_pool, one_and_thirty_two_workers) {
       EXPECT_EQ(recs[i].task.retval, static_cast<int32_t>(i) * 3 + 1);
       EXPECT_FALSE(pthread_equal(recs[i].ran_on, pthread_self()));
     }
+    EXPECT_EQ(refused[0].runs + refused[1].runs, 0);
+    EXPECT_EQ(pool->done_queue->reserved, 0u);
+    EXPECT_EQ(pool->task_queue->reserved, n);  // the stop nodes
     ol::thread_pool_destroy(pool);
     EXPECT_EQ(ol_test::settled_threads(before), before);
-    EXPECT_EQ(cap.end(), "");
+    EXPECT_EQ(cap.end(), "fatal: no memory for simple node\nfatal: no memory for simple node\n");
   }
 }
 
-// With the only worker held, a task whose queue nodes cannot be had is
-// refused and leaves no node reserved; accepted tasks all come back. After
-// prepare(n), a batch of n allocates nothing even in the worst case: all n
-// queued while the worker is busy.
-TEST(thread_pool, allocation_failures_and_prepare) {
+// After prepare(n), a batch of n allocates nothing even in the worst case:
+// all n queued while the worker is busy.
+TEST(thread_pool, prepared_batches_allocate_nothing) {
   thread_pool* pool = ol::thread_pool_create(1);
   ASSERT_NE(pool, nullptr);
   std::vector<record> recs(300);
   init_records(recs);
-  // Once the gate holds the worker, the next task takes the task node the gate
-  // left, the one after needs a new done node (allocation 0) and a new task
-  // node (allocation 1).
   gate g(1);
-  g.hold(pool);
-  ASSERT_EQ(ol::thread_pool_add_task(pool, &recs[0].task), 0);
-  for (int which = 0; which < 2; ++which) {
-    ol_test::stdout_capture cap;
-    alloc_failer f(which, which);
-    EXPECT_EQ(ol::thread_pool_add_task(pool, &recs[1 + which].task), -1);
-    f.remove();
-    EXPECT_EQ(cap.end(), "fatal: no memory for simple node\n") << which;
-    EXPECT_EQ(f.count, which + 1);
-    EXPECT_EQ(pool->done_queue->reserved, 2u);  // only the accepted tasks
-  }
-  g.open.store(1);
-  ASSERT_EQ(ol::thread_pool_add_task(pool, &recs[3].task), 0);
-  std::set<thread_task*> back;
-  for (int i = 0; i < 3; ++i) back.insert(ol::thread_pool_wait(pool));
-  EXPECT_EQ(back, (std::set<thread_task*>{&g.tasks[0], &recs[0].task, &recs[3].task}));
-  EXPECT_EQ(recs[1].runs.load() + recs[2].runs.load(), 0);
-  EXPECT_EQ(pool->done_queue->reserved, 0u);
-  EXPECT_EQ(pool->task_queue->reserved, 1u);  // the stop node
-
-  init_records(recs);
-  gate g2(1);
   ASSERT_EQ(ol::thread_pool_prepare(pool, 301), 0);  // the gate task is part of the batch
   {
     alloc_failer none(0, k_all);
-    g2.hold(pool);
+    g.hold(pool);
     for (auto& r : recs) ASSERT_EQ(ol::thread_pool_add_task(pool, &r.task), 0);
-    g2.open.store(1);
+    g.open.store(1);
     for (int i = 0; i < 301; ++i) ASSERT_NE(ol::thread_pool_wait(pool), nullptr);
     EXPECT_EQ(ol::thread_pool_prepare(pool, 301), 0);  // a size already reached
     EXPECT_EQ(none.count, 0);
@@ -217,35 +202,6 @@ TEST(thread_pool, allocation_failures_and_prepare) {
   none.remove();
   EXPECT_EQ(cap.end(), "fatal: no memory for simple node\n");
   ol::thread_pool_destroy(pool);
-}
-
-// Fail each allocation of create in turn: the message of the failing
-// allocation, NULL, no thread left running, nothing leaked (LeakSanitizer).
-// Then destroy needs no memory (a stop item that cannot be queued would hang).
-TEST(thread_pool, create_allocation_failures_and_destroy_without_memory) {
-  const int before = threads_before();
-  for (int k = 0; k < 20; ++k) {
-    ol_test::stdout_capture cap;
-    alloc_failer f(k, k);
-    thread_pool* pool = ol::thread_pool_create(3);
-    f.remove();
-    const std::string out = cap.end();
-    if (k < f.count) {
-      EXPECT_EQ(pool, nullptr) << "allocation " << k;
-      EXPECT_EQ(out, k < 3 ? "fatal: no memory\n" : "fatal: no memory for simple node\n") << k;
-      EXPECT_EQ(ol_test::live_threads(), before);
-      continue;
-    }
-    ASSERT_NE(pool, nullptr);
-    EXPECT_EQ(out, "");
-    EXPECT_EQ(k, 6);  // pool, two queues, a stop node per worker
-    alloc_failer none(0, k_all);
-    EXPECT_EQ(ol_test::printed([&] { ol::thread_pool_destroy(pool); }), "");
-    EXPECT_EQ(none.count, 0);
-    EXPECT_EQ(ol_test::settled_threads(before), before);
-    return;
-  }
-  FAIL() << "create never succeeded";
 }
 
 // A refused task prints "fatal: add task fail" and runs on the caller when

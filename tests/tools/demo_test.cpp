@@ -63,15 +63,6 @@ bool has(const std::string& text, const std::string& part) {
   return text.find(part) != std::string::npos;
 }
 
-// A failure is status 1 and one line "frcnn_demo: error: <prefix>..."
-// holding `part` on standard error.
-void expect_one_line_error(const run_output& r, const std::string& prefix, const std::string& part) {
-  EXPECT_EQ(r.status, 1) << part << ": " << r.err;
-  EXPECT_EQ(r.err.rfind("frcnn_demo: error: " + prefix, 0), 0u) << part << ": " << r.err;
-  EXPECT_TRUE(has(r.err, part)) << part << ": " << r.err;
-  EXPECT_EQ(std::count(r.err.begin(), r.err.end(), '\n'), 1) << part << ": " << r.err;
-}
-
 // The bundled frame run once, and written as a frame directory (each test
 // copies it before changing anything).
 struct bundled {
@@ -87,12 +78,6 @@ struct bundled {
 const bundled& bundled_run() {
   static const bundled* b = new bundled;
   return *b;
-}
-
-std::string copy_of_frame_dir() {
-  const std::string dir = temp_dir("case");
-  fs::copy(bundled_run().dir, dir, fs::copy_options::recursive);
-  return dir;
 }
 
 std::string read_file(const std::string& path) {
@@ -115,6 +100,8 @@ const char* const k_all_found = "recall 1.00 (7 of 7 objects), precision 1.00";
 // given) and no image (none given), which load back once more.
 TEST(demo_command, dump_input_round_trip) {
   const bundled& b = bundled_run();
+  const run_output help = run_demo({"--help"});
+  EXPECT_TRUE(help.status == 0 && has(help.out, "rcnn_bbox.npy"));
   const std::string dir = temp_dir("cmd"), png = dir + "/out.png", dumped = dir + "/dumped";
   run_output r = run_demo({"--frames", "3", "--threads", "2", "--out", png, "--proposals", "--dump", dumped});
   ASSERT_EQ(r.status, 0) << r.err;
@@ -153,24 +140,11 @@ TEST(demo_command, dump_input_round_trip) {
   EXPECT_TRUE(r.status == 0 && has(r.out, k_all_found)) << r.err;
 }
 
-TEST(demo_command, options_and_usage) {
-  const run_output help = run_demo({"--help"});
-  EXPECT_EQ(help.status, 0);
-  EXPECT_TRUE(has(help.out, "rcnn_bbox.npy"));
-  for (const auto& args : std::vector<std::vector<std::string>>{
-           {"--threads", "0"}, {"--threads", "33"}, {"--frames", "x"}, {"--frames"}, {"--bogus"},
-           {"--out", ""}}) {
-    const run_output r = run_demo(args);
-    expect_one_line_error(r, "", "");
-    EXPECT_EQ(r.out, "");
-  }
-  EXPECT_EQ(run_demo({"--input", "/nonexistent/frame"}).err,
-            "frcnn_demo: error: /nonexistent/frame: no such directory\n");
-}
-
-// Each case damages one file of a good frame directory; the demo must stop
-// with status 1 and one line naming the file and the fault, and draw nothing.
-TEST(demo_command, malformed_inputs_fail_with_one_line) {
+// Bad options, and each file of a good frame directory damaged in turn: the
+// demo stops with status 1 and one line on standard error (for an option the
+// whole line given, and nothing on standard output; for a file naming the
+// file and holding the fault), and draws nothing.
+TEST(demo_command, bad_options_and_malformed_inputs_fail_with_one_line) {
   const bundled& b = bundled_run();
   const frcnn_desc& d = b.f.desc;
   const uint32_t R = static_cast<uint32_t>(b.f.rois.size() / 4);
@@ -201,10 +175,17 @@ TEST(demo_command, malformed_inputs_fail_with_one_line) {
   const npy_dtype f2 = npy_dtype::f2;
   const std::string c1 = "False, 'shape': (1,), }";
   const struct {
-    const char* file;
+    const char* file;  // "": no file changed, `args` added to the command line
     edit change;
     const char* expect;
+    std::vector<std::string> args = {};
   } cases[] = {
+      {"", {}, "--threads expects a whole number from 1 to 32, not '0' (see --help)", {"--threads", "0"}},
+      {"", {}, "--threads expects a whole number from 1 to 32, not '33' (see --help)", {"--threads", "33"}},
+      {"", {}, "--frames expects a whole number from 1 to 1000000, not 'x' (see --help)", {"--frames", "x"}},
+      {"", {}, "--frames needs a value (see --help)", {"--frames"}},
+      {"", {}, "unknown option '--bogus' (see --help)", {"--bogus"}},
+      {"", {}, "--out needs a file name (see --help)", {"--out", ""}},
       {"rpn_cls.npy", put("PK\x03\x04 not numpy at all"), "bad magic"},
       {"rpn_cls.npy", put(std::string("\x93NUMPY\x07\x00\x10\x00", 10)), "format version 7"},
       {"rpn_cls.npy", put(std::string("\x93NUMPY\x01\x00\x10\x00{'", 12)), "truncated .npy header"},
@@ -254,12 +235,23 @@ TEST(demo_command, malformed_inputs_fail_with_one_line) {
       {"image.npy", zeros(npy_dtype::u1, {600, 999, 3}), "expected (600, 1000, 3)"},
   };
   for (const auto& c : cases) {
-    const std::string dir = copy_of_frame_dir();
-    c.change(dir + "/" + c.file);
-    const run_output r = run_demo({"--input", dir, "--frames", "1", "--out", dir + "/x.png"});
-    expect_one_line_error(r, dir + "/" + c.file + ": ", c.expect);
-    EXPECT_FALSE(fs::exists(dir + "/x.png")) << c.expect;
+    SCOPED_TRACE(c.expect);
+    const std::string dir = temp_dir("case"), file = dir + "/" + c.file;
+    fs::copy(b.dir, dir, fs::copy_options::recursive);
+    if (c.change) c.change(file);
+    std::vector<std::string> args = {"--input", dir, "--frames", "1", "--out", dir + "/x.png"};
+    args.insert(args.end(), c.args.begin(), c.args.end());
+    const run_output r = run_demo(args);
+    EXPECT_EQ(r.status, 1);
+    EXPECT_FALSE(fs::exists(dir + "/x.png"));
+    if (c.change)  // one line naming the file and holding the fault
+      EXPECT_TRUE(r.err.rfind("frcnn_demo: error: " + file + ": ", 0) == 0 && has(r.err, c.expect) &&
+                  std::count(r.err.begin(), r.err.end(), '\n') == 1) << r.err;
+    else
+      EXPECT_EQ(r.out + r.err, std::string("frcnn_demo: error: ") + c.expect + "\n");
   }
+  EXPECT_EQ(run_demo({"--input", "/nonexistent/frame"}).err,
+            "frcnn_demo: error: /nonexistent/frame: no such directory\n");
 }
 
 #else
