@@ -7,6 +7,7 @@
 #include <math.h>
 #include <stdint.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -19,15 +20,12 @@ struct map16 {
   unsigned w = 0, h = 0, c = 0;
   std::vector<short> v;
   short at(unsigned y, unsigned x, unsigned ch) const { return v[(size_t(y) * w + x) * c + ch]; }
-  short* data() { return v.empty() ? nullptr : v.data(); }
+  short* data() { return v.data(); }
 };
 
+// Exactly w * h * c random elements; one (a valid pointer) for an empty map.
 inline map16 random_map(ol_test::rng& g, unsigned w, unsigned h, unsigned c) {
-  map16 m;
-  m.w = w;
-  m.h = h;
-  m.c = c;
-  m.v.resize(size_t(w) * h * c);
+  map16 m{w, h, c, std::vector<short>(std::max<size_t>(size_t(w) * h * c, 1))};
   for (auto& e : m.v) e = static_cast<short>(g.next());
   return m;
 }
