@@ -62,52 +62,37 @@ struct bilinear_case {
   std::vector<float> boxes;
   unsigned pw, ph, cw, ch;
   float sx = 1, sy = 1, extr = 0;
-  unsigned n() const { return unsigned(boxes.size() / 4); }
 };
 
-// n boxes of per_box elements from box(b, out), then the poisoned guard.
-template <class Box>
-std::vector<short> reference(unsigned n, size_t per_box, Box box) {
-  std::vector<short> want(per_box * n + kGuard, kPoison);
-  for (unsigned b = 0; b < n; ++b) box(b, &want[b * per_box]);
-  return want;
-}
-
-// ROI align on the map and on the pyramid (its upper levels drawn from g)
-// against the reference.
-void check_align(bilinear_case& c, rng& g) {
+// The operators against the reference: ROI align on the map and on the
+// pyramid (its upper levels drawn from g), unless `align` is false, and crop
+// and resize with its lines.
+void check(bilinear_case c, rng& g, bool align = true) {
   ref::map16& m = c.m;
-  const size_t per_box = size_t(c.pw) * c.ph * m.c;
-  expect_kernels(reference(c.n(), per_box,
-                           [&](unsigned b, short* o) {
-                             ref::roi_align_box(m, c.s, &c.boxes[4 * b], c.pw, c.ph, o);
-                           }),
-                 "", ol::roi_align_fmap_int16_with, m.data(), c.s, c.boxes.data(), c.n(), m.w,
-                 m.h, c.pw, c.ph, m.c);
-  const unsigned img_w = m.w * c.s, img_h = m.h * c.s;
+  const unsigned n = unsigned(c.boxes.size() / 4), img_w = m.w * c.s, img_h = m.h * c.s;
   unsigned scales[3] = {c.s, 2 * c.s, 4 * c.s};
   ref::map16 lv[3] = {m, ref::random_map(g, img_w / scales[1], img_h / scales[1], m.c),
                       ref::random_map(g, img_w / scales[2], img_h / scales[2], m.c)};
   short* maps[3] = {lv[0].data(), lv[1].data(), lv[2].data()};
-  expect_kernels(reference(c.n(), per_box,
-                           [&](unsigned b, short* o) {
-                             const unsigned k = ref::level(&c.boxes[4 * b]);
-                             ref::roi_align_box(lv[k], scales[k], &c.boxes[4 * b], c.pw, c.ph, o);
-                           }),
-                 "", four_levels, maps, scales, c.boxes.data(), c.n(), img_w, img_h, c.pw, c.ph,
-                 m.c);
-}
-
-// Crop and resize against the reference: values, lines and untouched guard.
-void check_crop(bilinear_case& c) {
-  ref::map16& m = c.m;
+  const size_t per_box = size_t(c.pw) * c.ph * m.c, per_crop = size_t(c.cw) * c.ch * m.c;
+  std::vector<short> one(per_box * n + kGuard, kPoison), four = one;
+  std::vector<short> crop(per_crop * n + kGuard, kPoison);
   std::string text;
-  const std::vector<short> want =
-      reference(c.n(), size_t(c.cw) * c.ch * m.c, [&](unsigned b, short* o) {
-        ref::crop_box(m, c.sx, c.sy, c.extr, &c.boxes[4 * b], c.cw, c.ch, o, &text);
-      });
-  expect_kernels(want, text, ol::crop_and_resize_fmap_int16_with, m.data(), c.sx, c.sy, c.extr,
-                 c.boxes.data(), c.n(), m.w, m.h, c.cw, c.ch, m.c);
+  for (unsigned b = 0; b < n; ++b) {
+    const float* box = &c.boxes[4 * b];
+    const unsigned k = ref::level(box);
+    ref::roi_align_box(m, c.s, box, c.pw, c.ph, &one[b * per_box]);
+    ref::roi_align_box(lv[k], scales[k], box, c.pw, c.ph, &four[b * per_box]);
+    ref::crop_box(m, c.sx, c.sy, c.extr, box, c.cw, c.ch, &crop[b * per_crop], &text);
+  }
+  if (align) {
+    expect_kernels(one, "", ol::roi_align_fmap_int16_with, m.data(), c.s, c.boxes.data(), n, m.w,
+                   m.h, c.pw, c.ph, m.c);
+    expect_kernels(four, "", four_levels, maps, scales, c.boxes.data(), n, img_w, img_h, c.pw,
+                   c.ph, m.c);
+  }
+  expect_kernels(crop, text, ol::crop_and_resize_fmap_int16_with, m.data(), c.sx, c.sy, c.extr,
+                 c.boxes.data(), n, m.w, m.h, c.cw, c.ch, m.c);
 }
 
 // The three operators against the reference on random maps, strides, grids
@@ -129,8 +114,7 @@ TEST(Bilinear, MatchesReferenceOnRandomAndDegenerateCases) {
     c.sx = (g.range(0, 3) ? 1.0f : g.uniform(0.25f, 2.0f)) / float(s);
     c.sy = (g.range(0, 3) ? 1.0f : g.uniform(0.25f, 2.0f)) / float(s);
     c.extr = g.uniform(-40000, 40000);
-    check_align(c, g);
-    check_crop(c);
+    check(c, g);
   }
   // One-row and one-column maps with NaN (all weights 0), infinite and huge
   // boxes, every index inside (ASan flags a stray read); crops of one and
@@ -142,28 +126,22 @@ TEST(Bilinear, MatchesReferenceOnRandomAndDegenerateCases) {
   for (auto wh : {std::pair<unsigned, unsigned>{1, 1}, {1, 5}, {5, 1}, {3, 4}}) {
     for (unsigned cw : {1u, 3u}) {
       SCOPED_TRACE(format("map %ux%u crop %u", wh.first, wh.second, cw));
-      bilinear_case c{ref::random_map(g, wh.first, wh.second, 16), 1, boxes, 3, 2, cw, 2, 1, 1, 9};
-      check_align(c, g);
-      check_crop(c);
+      check({ref::random_map(g, wh.first, wh.second, 16), 1, boxes, 3, 2, cw, 2, 1, 1, 9}, g);
     }
   }
   // Crops of a map without columns (never read: every element E with an
   // "extr y" line), of zero size (nothing written), and wider than one table
   // chunk with columns outside on both sides (the lines in output order).
-  bilinear_case empty{ref::random_map(g, 0, 3, 16), 1, {0, 0, 1, 1}, 1, 1, 2, 2, 1, 1, 5};
-  check_crop(empty);
-  bilinear_case zero{ref::random_map(g, 6, 5, 16), 1, {0, 0, 1, 1}, 1, 1, 0, 4, 1, 1, 5};
-  check_crop(zero);
-  bilinear_case wide{ref::random_map(g, 6, 5, 16), 1, {-8, -2, 14, 7}, 1, 1, 300, 4, 1, 1, -3};
-  check_crop(wide);
+  check({ref::random_map(g, 0, 3, 16), 1, {0, 0, 1, 1}, 1, 1, 2, 2, 1, 1, 5}, g, false);
+  check({ref::random_map(g, 6, 5, 16), 1, {0, 0, 1, 1}, 1, 1, 0, 4, 1, 1, 5}, g);
+  check({ref::random_map(g, 6, 5, 16), 1, {-8, -2, 14, 7}, 1, 1, 300, 4, 1, 1, -3}, g);
 }
 
 // Grids larger than the 128-entry table chunk, on a 128 KiB stack.
 TEST(RoiAlign, LargeGridsOnASmallStack) {
   ol_test::on_small_stack([] {
     rng g(21);
-    bilinear_case c{ref::random_map(g, 9, 6, 16), 2, {-3, 1, 20, 11, 5, -4, 6, 30}, 300, 130, 1, 1};
-    check_align(c, g);
+    check({ref::random_map(g, 9, 6, 16), 2, {-3, 1, 20, 11, 5, -4, 6, 30}, 300, 130, 1, 1}, g);
   });
 }
 
