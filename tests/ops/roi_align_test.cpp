@@ -135,12 +135,8 @@ TEST(Bilinear, MatchesReferenceOnRandomAndDegenerateCases) {
   check({ref::random_map(g, 0, 3, 16), 1, {0, 0, 1, 1}, 1, 1, 2, 2, 1, 1, 5}, g, false);
   check({ref::random_map(g, 6, 5, 16), 1, {0, 0, 1, 1}, 1, 1, 0, 4, 1, 1, 5}, g);
   check({ref::random_map(g, 6, 5, 16), 1, {-8, -2, 14, 7}, 1, 1, 300, 4, 1, 1, -3}, g);
-}
-
-// Grids larger than the 128-entry table chunk, on a 128 KiB stack.
-TEST(RoiAlign, LargeGridsOnASmallStack) {
-  ol_test::on_small_stack([] {
-    rng g(21);
+  // ROI align grids larger than the 128-entry table chunk, on a 128 KiB stack.
+  ol_test::on_small_stack([&] {
     check({ref::random_map(g, 9, 6, 16), 2, {-3, 1, 20, 11, 5, -4, 6, 30}, 300, 130, 1, 1}, g);
   });
 }
