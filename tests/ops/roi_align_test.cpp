@@ -119,10 +119,11 @@ TEST(Bilinear, MatchesReferenceOnRandomAndDegenerateCases) {
   // One-row and one-column maps with NaN (all weights 0), infinite and huge
   // boxes, every index inside (ASan flags a stray read); crops of one and
   // three columns (W - 1 = 0: finite boxes sample column 0 or row 0).
-  const std::vector<float> boxes = {
-      kNan, 0,    4,     4,     0,     kNan,  4,     4,     kNan,   kNan, kNan, kNan,
-      0,    0,    kInf,  4,     -kInf, -kInf, kInf,  kInf,  1e30f,  1e30f, 2e30f, 2e30f,
-      -1e30f, 0,  0,     1,     0,     0,     1,     1,     0.2f,   0.3f, 0.7f, 0.9f};
+  const std::vector<float> boxes = {kNan,   0,     4,    4,      0,     kNan,  4,     4,
+                                    kNan,   kNan,  kNan, kNan,   0,     0,     kInf,  4,
+                                    -kInf,  -kInf, kInf, kInf,   1e30f, 1e30f, 2e30f, 2e30f,
+                                    -1e30f, 0,     0,    1,      0,     0,     1,     1,
+                                    0.2f,   0.3f,  0.7f, 0.9f};
   for (auto wh : {std::pair<unsigned, unsigned>{1, 1}, {1, 5}, {5, 1}, {3, 4}}) {
     for (unsigned cw : {1u, 3u}) {
       SCOPED_TRACE(format("map %ux%u crop %u", wh.first, wh.second, cw));
