@@ -69,6 +69,7 @@ TEST(RoiPooling, MatchesTwinOnRandomInputs) {
     const int max_bins = iter % 10 == 0 ? 300 : 12;
     c.pool_w = rng.range(1, max_bins), c.pool_h = rng.range(1, max_bins);
     pool(c);
+    ASSERT_FALSE(HasFailure()) << "iter " << iter;
   }
 }
 
