@@ -115,9 +115,11 @@ inline rpn_frame make_rpn_frame(const frcnn_desc& d, uint64_t seed) {
         const float fg = 1.0f / (1.0f + expf(-logit));
         const size_t at = static_cast<size_t>(y) * d.rpn_cls_pitch + x;
         const size_t plane = static_cast<size_t>(H) * d.rpn_cls_pitch;
-        // Foreground plane, and background plane unless only foreground is given.
+        // The foreground score's plane, and the background's when there is one
+        // (pairs: background and foreground plane of each anchor in turn).
         const bool pairs = d.is_rpn_cls_fg_minus_bg;
-        f.cls[(pairs ? 2 * a + 1 : d.is_rpn_cls_fg_only ? a : A + a) * plane + at] = h(fg);
+        const size_t fg_plane = pairs ? 2 * a + 1 : d.is_rpn_cls_fg_only ? a : A + a;
+        f.cls[fg_plane * plane + at] = h(fg);
         if (pairs || !d.is_rpn_cls_fg_only) f.cls[(pairs ? 2 * a : a) * plane + at] = h(1.0f - fg);
         for (uint32_t k = 0; k < 4; ++k)
           f.bbox[((4 * a + k) * H + y) * static_cast<size_t>(d.fmap_pitch) + x] =
