@@ -115,15 +115,12 @@ inline rpn_frame make_rpn_frame(const frcnn_desc& d, uint64_t seed) {
         const float fg = 1.0f / (1.0f + expf(-logit));
         const size_t at = static_cast<size_t>(y) * d.rpn_cls_pitch + x;
         const size_t plane = static_cast<size_t>(H) * d.rpn_cls_pitch;
-        if (d.is_rpn_cls_fg_minus_bg) {
-          f.cls[2 * a * plane + at] = opt_layers_half::from_float_round(1.0f - fg);
-          f.cls[(2 * a + 1) * plane + at] = opt_layers_half::from_float_round(fg);
-        } else if (d.is_rpn_cls_fg_only) {
-          f.cls[a * plane + at] = opt_layers_half::from_float_round(fg);
-        } else {
-          f.cls[a * plane + at] = opt_layers_half::from_float_round(1.0f - fg);
-          f.cls[(A + a) * plane + at] = opt_layers_half::from_float_round(fg);
-        }
+        // The foreground score's plane, and the background's when there is one
+        // (pairs: background and foreground plane of each anchor in turn).
+        const bool pairs = d.is_rpn_cls_fg_minus_bg;
+        const size_t fg_plane = pairs ? 2 * a + 1 : d.is_rpn_cls_fg_only ? a : A + a;
+        f.cls[fg_plane * plane + at] = h(fg);
+        if (pairs || !d.is_rpn_cls_fg_only) f.cls[(pairs ? 2 * a : a) * plane + at] = h(1.0f - fg);
         for (uint32_t k = 0; k < 4; ++k)
           f.bbox[((4 * a + k) * H + y) * static_cast<size_t>(d.fmap_pitch) + x] =
               opt_layers_half::from_float_round(0.4f * rnd() - 0.2f);

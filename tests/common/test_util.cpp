@@ -6,9 +6,8 @@
 #include <stdlib.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <chrono>
-#include <condition_variable>
-#include <mutex>
 #include <thread>
 
 namespace ol_test {
@@ -71,50 +70,39 @@ namespace {
 // finished after OL_TEST_DEADLINE seconds (default 10; the build sets more
 // for emulated and sanitized runs) ends the program with a failure, so a
 // lost lock or a lost wake-up fails within seconds instead of hanging.
+// A detached thread looks at the running test's due time ten times a
+// second; the name it prints is written before the due time is published.
+std::atomic<int64_t> g_due_ms{0};  // 0: no test running
+char g_test_name[512];
+
+int64_t now_ms() {
+  using namespace std::chrono;
+  return duration_cast<milliseconds>(steady_clock::now().time_since_epoch()).count();
+}
+
 class watchdog : public testing::EmptyTestEventListener {
  public:
-  // The state outlives the listener (gtest deletes it at exit while the
-  // thread still waits): it is never freed.
-  explicit watchdog(int seconds) : s_(new state) {
-    s_->limit = seconds;
-    state* s = s_;
-    std::thread([s] { s->run(); }).detach();
-  }
-  void OnTestStart(const testing::TestInfo& t) override {
-    std::lock_guard<std::mutex> l(s_->m);
-    s_->name = std::string(t.test_suite_name()) + "." + t.name();
-    s_->due = std::chrono::steady_clock::now() + std::chrono::seconds(s_->limit);
-    s_->armed = true;
-    s_->cv.notify_one();
-  }
-  void OnTestEnd(const testing::TestInfo&) override {
-    std::lock_guard<std::mutex> l(s_->m);
-    s_->armed = false;
-  }
-
- private:
-  struct state {
-    int limit = 0;
-    std::mutex m;
-    std::condition_variable cv;
-    std::string name;
-    std::chrono::steady_clock::time_point due;
-    bool armed = false;
-    void run() {
-      std::unique_lock<std::mutex> l(m);
+  explicit watchdog(int seconds) : limit_(seconds) {
+    std::thread([seconds] {
       for (;;) {
-        if (!armed) {
-          cv.wait(l);
-        } else if (cv.wait_until(l, due) == std::cv_status::timeout && armed &&
-                   std::chrono::steady_clock::now() >= due) {
-          fprintf(stderr, "%s: no result after %d s (deadlock or lost wake-up?)\n", name.c_str(),
-                  limit);
+        usleep(100000);
+        const int64_t due = g_due_ms.load();
+        if (due != 0 && now_ms() >= due) {
+          fprintf(stderr, "%s: no result after %d s (deadlock or lost wake-up?)\n", g_test_name,
+                  seconds);
           _exit(3);
         }
       }
-    }
-  };
-  state* s_;
+    }).detach();
+  }
+  void OnTestStart(const testing::TestInfo& t) override {
+    snprintf(g_test_name, sizeof g_test_name, "%s.%s", t.test_suite_name(), t.name());
+    g_due_ms = now_ms() + 1000 * int64_t{limit_};
+  }
+  void OnTestEnd(const testing::TestInfo&) override { g_due_ms = 0; }
+
+ private:
+  int limit_;
 };
 
 }  // namespace

@@ -7,6 +7,7 @@
 #include <math.h>
 #include <stdint.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
@@ -19,15 +20,12 @@ struct map16 {
   unsigned w = 0, h = 0, c = 0;
   std::vector<short> v;
   short at(unsigned y, unsigned x, unsigned ch) const { return v[(size_t(y) * w + x) * c + ch]; }
-  short* data() { return v.empty() ? nullptr : v.data(); }
+  short* data() { return v.data(); }
 };
 
+// Exactly w * h * c random elements; one (a valid pointer) for an empty map.
 inline map16 random_map(ol_test::rng& g, unsigned w, unsigned h, unsigned c) {
-  map16 m;
-  m.w = w;
-  m.h = h;
-  m.c = c;
-  m.v.resize(size_t(w) * h * c);
+  map16 m{w, h, c, std::vector<short>(std::max<size_t>(size_t(w) * h * c, 1))};
   for (auto& e : m.v) e = static_cast<short>(g.next());
   return m;
 }
@@ -36,10 +34,7 @@ inline map16 random_map(ol_test::rng& g, unsigned w, unsigned h, unsigned c) {
 // toward zero, saturated to 16 bits, NaN -> 0.
 inline int16_t weight(float p) {
   if (isnan(p)) return 0;
-  const double t = trunc(static_cast<double>(p));
-  if (t < -32768.0) return -32768;
-  if (t > 32767.0) return 32767;
-  return static_cast<int16_t>(t);
+  return static_cast<int16_t>(std::min(std::max(trunc(double(p)), -32768.0), 32767.0));
 }
 
 // The two source cells of a position on an axis of n cells, and the fraction.
@@ -52,15 +47,8 @@ inline tap taps(float pos, unsigned n) {
   // Truncated toward zero as an unsigned integer; negative (and NaN) -> 0.
   unsigned c0 = 0;
   if (pos > 0) c0 = pos >= 4294967296.0f ? 0xFFFFFFFFu : static_cast<unsigned>(pos);
-  tap t;
-  if (c0 < n - 1) {
-    t.i0 = c0;
-    t.i1 = c0 + 1;
-  } else {
-    t.i0 = t.i1 = n - 1;
-  }
-  t.frac = pos - static_cast<float>(t.i0);
-  return t;
+  if (c0 >= n - 1) return {n - 1, n - 1, pos - static_cast<float>(n - 1)};
+  return {c0, c0 + 1, pos - static_cast<float>(c0)};
 }
 
 // Low 16 bits of floor((acc + 4096) / 8192), acc exact.
@@ -84,22 +72,26 @@ inline void sample(const map16& m, float xpos, float ypos, short* out) {
   }
 }
 
-// ROI align of one box on a map of stride s into out (pool_h x pool_w x c).
+// ROI align positions along one axis: the centres of `count` bins from lo / s
+// to hi / s, each after the first one bin further.
+inline std::vector<float> align_positions(float lo, float hi, unsigned s, unsigned count) {
+  const float a = lo / float(s), bin = (hi / float(s) - a) / float(count);
+  std::vector<float> p(count);
+  for (unsigned k = 0; k < count; ++k)
+    p[k] = k == 0 ? float(double(a) + 0.5 * double(bin)) : p[k - 1] + bin;
+  return p;
+}
+
+// ROI align of one box on a map of stride s into out (pool_h x pool_w x c); a
+// map without rows or columns gives zeros.
 inline void roi_align_box(const map16& m, unsigned s, const float* box, unsigned pool_w,
                           unsigned pool_h, short* out) {
-  const size_t n = size_t(pool_w) * pool_h * m.c;
   if (m.w == 0 || m.h == 0) {
-    for (size_t i = 0; i < n; ++i) out[i] = 0;
+    std::fill_n(out, size_t(pool_w) * pool_h * m.c, short(0));
     return;
   }
-  const float x1 = box[0] / float(s), y1 = box[1] / float(s);
-  const float x2 = box[2] / float(s), y2 = box[3] / float(s);
-  const float bin_w = (x2 - x1) / float(pool_w), bin_h = (y2 - y1) / float(pool_h);
-  std::vector<float> xs(pool_w), ys(pool_h);
-  for (unsigned j = 0; j < pool_w; ++j)
-    xs[j] = j == 0 ? float(double(x1) + 0.5 * double(bin_w)) : xs[j - 1] + bin_w;
-  for (unsigned i = 0; i < pool_h; ++i)
-    ys[i] = i == 0 ? float(double(y1) + 0.5 * double(bin_h)) : ys[i - 1] + bin_h;
+  const std::vector<float> xs = align_positions(box[0], box[2], s, pool_w);
+  const std::vector<float> ys = align_positions(box[1], box[3], s, pool_h);
   for (unsigned i = 0; i < pool_h; ++i)
     for (unsigned j = 0; j < pool_w; ++j)
       sample(m, xs[j], ys[i], out + (size_t(i) * pool_w + j) * m.c);
@@ -131,30 +123,23 @@ inline std::vector<float> crop_positions(float lo, float hi, float scale, unsign
 // and infinities).
 inline short extrapolation(float v) {
   if (!isfinite(v)) return 0;
-  const double t = trunc(double(v));
-  const double r = fmod(t, 65536.0);
+  const double r = fmod(trunc(double(v)), 65536.0);
   return static_cast<short>(static_cast<uint16_t>(static_cast<int64_t>(r) & 0xFFFF));
 }
 
 // Crop and resize of one box into out (crop_h x crop_w x c); appends the
-// lines it prints to *text.
+// lines it prints to *text. A map without rows or columns is never read:
+// every element is E with an "extr y" line.
 inline void crop_box(const map16& m, float sx, float sy, float extr, const float* box,
                      unsigned crop_w, unsigned crop_h, short* out, std::string* text) {
   const short e = extrapolation(extr);
-  if (crop_w == 0 || crop_h == 0) return;
-  if (m.w == 0 || m.h == 0) {
-    for (size_t k = 0; k < size_t(crop_w) * crop_h * m.c; ++k) {
-      out[k] = e;
-      *text += "extr y\n";
-    }
-    return;
-  }
-  const std::vector<float> xs = crop_positions(box[0], box[2], sx, m.w, crop_w);
-  const std::vector<float> ys = crop_positions(box[1], box[3], sy, m.h, crop_h);
-  for (unsigned i = 0; i < crop_h; ++i) {
+  const bool empty = m.w == 0 || m.h == 0;
+  const std::vector<float> xs = crop_positions(box[0], box[2], sx, m.w, empty ? 0 : crop_w);
+  const std::vector<float> ys = crop_positions(box[1], box[3], sy, m.h, empty ? 0 : crop_h);
+  for (unsigned i = 0; i < crop_h && crop_w > 0; ++i) {
     for (unsigned j = 0; j < crop_w; ++j) {
       short* o = out + (size_t(i) * crop_w + j) * m.c;
-      if (ys[i] < 0 || ys[i] > float(m.h - 1)) {
+      if (empty || ys[i] < 0 || ys[i] > float(m.h - 1)) {
         for (unsigned c = 0; c < m.c; ++c) o[c] = e, *text += "extr y\n";
       } else if (xs[j] < 0 || xs[j] > float(m.w - 1)) {
         for (unsigned c = 0; c < m.c; ++c)

@@ -43,18 +43,6 @@ void expect_kernels(const std::vector<short>& want, const std::string& want_text
   }
 }
 
-void check_align(ref::map16& m, unsigned s, std::vector<float>& boxes, unsigned pw, unsigned ph,
-                 const std::string& what) {
-  SCOPED_TRACE(what);
-  const unsigned n = unsigned(boxes.size() / 4);
-  const size_t per_box = size_t(pw) * ph * m.c;
-  std::vector<short> want(per_box * n + kGuard, kPoison);
-  for (unsigned b = 0; b < n; ++b)
-    ref::roi_align_box(m, s, &boxes[4 * b], pw, ph, &want[b * per_box]);
-  expect_kernels(want, "", ol::roi_align_fmap_int16_with, m.data(), s, boxes.data(), n, m.w, m.h,
-                 pw, ph, m.c);
-}
-
 // The exported function for the vector kernel, the internal entry for the
 // scalar one.
 int four_levels(bilinear_kernel k, short** maps, unsigned* scales, float* boxes, unsigned n,
@@ -65,46 +53,116 @@ int four_levels(bilinear_kernel k, short** maps, unsigned* scales, float* boxes,
                                             out);
 }
 
-TEST(RoiAlign, MatchesReferenceOnRandomAndDegenerateCases) {
+// A map, level 0 of a pyramid of strides s, 2s and 4s over an image of
+// m.w * s by m.h * s pixels; boxes in image pixels; the ROI align grid; the
+// crop grid with its scales (per image pixel) and extrapolation value.
+struct bilinear_case {
+  ref::map16 m;
+  unsigned s;
+  std::vector<float> boxes;
+  unsigned pw, ph, cw, ch;
+  float sx = 1, sy = 1, extr = 0;
+};
+
+// The operators against the reference: ROI align on the map and on the
+// pyramid (its upper levels drawn from g), unless `align` is false, and crop
+// and resize with its lines.
+void check(bilinear_case c, rng& g, bool align = true) {
+  ref::map16& m = c.m;
+  const unsigned n = unsigned(c.boxes.size() / 4), img_w = m.w * c.s, img_h = m.h * c.s;
+  unsigned scales[3] = {c.s, 2 * c.s, 4 * c.s};
+  ref::map16 lv[3] = {m, ref::random_map(g, img_w / scales[1], img_h / scales[1], m.c),
+                      ref::random_map(g, img_w / scales[2], img_h / scales[2], m.c)};
+  short* maps[3] = {lv[0].data(), lv[1].data(), lv[2].data()};
+  const size_t per_box = size_t(c.pw) * c.ph * m.c, per_crop = size_t(c.cw) * c.ch * m.c;
+  std::vector<short> one(per_box * n + kGuard, kPoison), four = one;
+  std::vector<short> crop(per_crop * n + kGuard, kPoison);
+  std::string text;
+  for (unsigned b = 0; b < n; ++b) {
+    const float* box = &c.boxes[4 * b];
+    const unsigned k = ref::level(box);
+    ref::roi_align_box(m, c.s, box, c.pw, c.ph, &one[b * per_box]);
+    ref::roi_align_box(lv[k], scales[k], box, c.pw, c.ph, &four[b * per_box]);
+    ref::crop_box(m, c.sx, c.sy, c.extr, box, c.cw, c.ch, &crop[b * per_crop], &text);
+  }
+  if (align) {
+    expect_kernels(one, "", ol::roi_align_fmap_int16_with, m.data(), c.s, c.boxes.data(), n, m.w,
+                   m.h, c.pw, c.ph, m.c);
+    expect_kernels(four, "", four_levels, maps, scales, c.boxes.data(), n, img_w, img_h, c.pw,
+                   c.ph, m.c);
+  }
+  expect_kernels(crop, text, ol::crop_and_resize_fmap_int16_with, m.data(), c.sx, c.sy, c.extr,
+                 c.boxes.data(), n, m.w, m.h, c.cw, c.ch, m.c);
+}
+
+// The three operators against the reference on random maps, strides, grids
+// and boxes (inside, across an edge, far outside, reversed, degenerate, the
+// whole image; some large enough for the upper pyramid levels, whose maps
+// may have no column: never read, zeros out).
+TEST(Bilinear, MatchesReferenceOnRandomAndDegenerateCases) {
   rng g(11);
   for (int iter = 0; iter < 300; ++iter) {
-    const unsigned s = 1u << g.range(0, 4);
-    ref::map16 m = ref::random_map(g, g.range(1, 12), g.range(1, 12), 16 * g.range(1, 4));
-    const unsigned pw = g.range(1, 9), ph = g.range(1, 9);
-    std::vector<float> boxes(4 * g.range(1, 4));
-    for (size_t b = 0; b < boxes.size(); b += 4)
-      ref::random_box(g, float(m.w * s), float(m.h * s), &boxes[b]);
-    check_align(m, s, boxes, pw, ph, "iter " + std::to_string(iter));
+    SCOPED_TRACE(iter);
+    const unsigned s = 1u << g.range(0, 5);
+    bilinear_case c{ref::random_map(g, g.range(1, 12), g.range(1, 12), 16 * g.range(1, 3)), s,
+                    std::vector<float>(4 * g.range(1, 4)), unsigned(g.range(1, 9)),
+                    unsigned(g.range(1, 9)), unsigned(g.range(1, 6)), unsigned(g.range(1, 6))};
+    for (size_t b = 0; b < c.boxes.size(); b += 4)
+      ref::random_box(g, float(c.m.w * s), float(c.m.h * s), &c.boxes[b]);
+    const float side = std::vector<float>{223, 224, 447, 448, 2000}[g.range(0, 4)];
+    c.boxes.insert(c.boxes.end(), {-20, 0, side - 20, side});
+    c.sx = (g.range(0, 3) ? 1.0f : g.uniform(0.25f, 2.0f)) / float(s);
+    c.sy = (g.range(0, 3) ? 1.0f : g.uniform(0.25f, 2.0f)) / float(s);
+    c.extr = g.uniform(-40000, 40000);
+    ASSERT_NO_FATAL_FAILURE(check(c, g));
   }
   // One-row and one-column maps with NaN (all weights 0), infinite and huge
-  // boxes, every index inside (ASan flags a stray read).
-  std::vector<float> boxes = {kNan,  0,     4,     4,     0,      kNan, 4,     4,     kNan, kNan,
-                              kNan,  kNan,  0,     0,     kInf,   4,    -kInf, -kInf, kInf, kInf,
-                              1e30f, 1e30f, 2e30f, 2e30f, -1e30f, 0,    0,     1};
+  // boxes, every index inside (ASan flags a stray read); crops of one and
+  // three columns (W - 1 = 0: finite boxes sample column 0 or row 0).
+  const std::vector<float> boxes = {kNan,   0,     4,    4,      0,     kNan,  4,     4,
+                                    kNan,   kNan,  kNan, kNan,   0,     0,     kInf,  4,
+                                    -kInf,  -kInf, kInf, kInf,   1e30f, 1e30f, 2e30f, 2e30f,
+                                    -1e30f, 0,     0,    1,      0,     0,     1,     1,
+                                    0.2f,   0.3f,  0.7f, 0.9f};
   for (auto wh : {std::pair<unsigned, unsigned>{1, 1}, {1, 5}, {5, 1}, {3, 4}}) {
-    ref::map16 m = ref::random_map(g, wh.first, wh.second, 16);
-    check_align(m, 1, boxes, 3, 2, format("map %ux%u", wh.first, wh.second));
+    for (unsigned cw : {1u, 3u}) {
+      SCOPED_TRACE(format("map %ux%u crop %u", wh.first, wh.second, cw));
+      check({ref::random_map(g, wh.first, wh.second, 16), 1, boxes, 3, 2, cw, 2, 1, 1, 9}, g);
+    }
   }
+  // Crops of a map without columns (never read: every element E with an
+  // "extr y" line), of zero size (nothing written), and wider than one table
+  // chunk with columns outside on both sides (the lines in output order).
+  check({ref::random_map(g, 0, 3, 16), 1, {0, 0, 1, 1}, 1, 1, 2, 2, 1, 1, 5}, g, false);
+  check({ref::random_map(g, 6, 5, 16), 1, {0, 0, 1, 1}, 1, 1, 0, 4, 1, 1, 5}, g);
+  check({ref::random_map(g, 6, 5, 16), 1, {-8, -2, 14, 7}, 1, 1, 300, 4, 1, 1, -3}, g);
+  // ROI align grids larger than the 128-entry table chunk, on a 128 KiB stack.
+  ol_test::on_small_stack([&] {
+    check({ref::random_map(g, 9, 6, 16), 2, {-3, 1, 20, 11, 5, -4, 6, 30}, 300, 130, 1, 1}, g);
+  });
 }
 
 TEST(RoiAlign, PinnedSamples) {
-  // A sample a quarter cell right of column 0 of row 0: 100 * 0.75 + 200 * 0.25
-  // (row 1 must not contribute).
-  ref::map16 m;
-  m.w = 2, m.h = 2, m.c = 16;
+  // A sample a quarter cell right of column 0 of row 0: 100 * 0.75 + 200 *
+  // 0.25 (row 1 must not contribute); the same through the pyramid with
+  // level 0 at stride 16 (the box has zero area).
+  ref::map16 m{2, 2, 16, {}};
   for (short v : {100, 200, -3000, 7000}) m.v.insert(m.v.end(), 16, v);
   std::vector<float> box = {0, 0, 8, 0};
-  std::vector<short> out(16 + kGuard, kPoison), want = out;
+  std::vector<short> want(16 + kGuard, kPoison);
   std::fill(want.begin(), want.begin() + 16, 125);
-  ASSERT_EQ(roi_align_fmap_int16(m.data(), 16, box.data(), 1, 2, 2, 1, 1, 16, out.data()), 0);
-  EXPECT_EQ(out, want);
+  expect_kernels(want, "", ol::roi_align_fmap_int16_with, m.data(), 16u, box.data(), 1u, 2u, 2u,
+                 1u, 1u, 16u);
+  short* maps[3] = {m.data(), m.data(), m.data()};
+  unsigned scales[3] = {16, 32, 64};
+  expect_kernels(want, "", four_levels, maps, scales, box.data(), 1u, 32u, 32u, 1u, 1u, 16u);
 
   // Samples on the cell centres x = 0..8, y = 0..5 of a 7 x 5 map copy it,
   // repeating the last column and row beyond the right and bottom edges.
   rng g(3);
   m = ref::random_map(g, 7, 5, 32);
   box = {-0.5f, -0.5f, 8.5f, 5.5f};
-  out.assign(9 * 6 * 32, 0);
+  std::vector<short> out(9 * 6 * 32, 0);
   ASSERT_EQ(roi_align_fmap_int16(m.data(), 1, box.data(), 1, 7, 5, 9, 6, 32, out.data()), 0);
   for (unsigned i = 0; i < 6; ++i)
     for (unsigned j = 0; j < 9; ++j)
@@ -151,43 +209,6 @@ TEST(RoiAlign, LevelThresholds) {
                             {500, 500, 0, 0, 2},   {kNan, 0, 10, 10, 0},    {0, 0, kInf, 10, 2}};
   for (const auto& c : cases)
     EXPECT_EQ(ol::roi_align_level(c[0], c[1], c[2], c[3]), unsigned(c[4])) << c[0] << " " << c[2];
-}
-
-TEST(RoiAlign, FourLevelsMatchTheSelectedMap) {
-  rng g(5);
-  const unsigned img_w = 800, img_h = 608, c = 16, pw = 7, ph = 7;
-  unsigned scales[3] = {8, 16, 32};
-  ref::map16 lv[3];
-  for (int k = 0; k < 3; ++k) lv[k] = ref::random_map(g, img_w / scales[k], img_h / scales[k], c);
-  short* maps[3] = {lv[0].data(), lv[1].data(), lv[2].data()};
-  std::vector<float> boxes;
-  for (float side : {223.f, 224.f, 448.f, 2000.f, 0.f, 100.f, 300.f, 600.f}) {
-    const float x = float(g.range(0, 300)), y = float(g.range(0, 300));
-    boxes.insert(boxes.end(), {x, y, x + side, y + side});
-  }
-  boxes.resize(boxes.size() + 4 * 40);
-  for (size_t b = 32; b < boxes.size(); b += 4) ref::random_box(g, img_w, img_h, &boxes[b]);
-  const unsigned n = unsigned(boxes.size() / 4);
-  const size_t per_box = pw * ph * c;
-  std::vector<short> want(per_box * n + kGuard, kPoison);
-  for (unsigned b = 0; b < n; ++b) {
-    const unsigned k = ref::level(&boxes[4 * b]);
-    ref::roi_align_box(lv[k], scales[k], &boxes[4 * b], pw, ph, &want[b * per_box]);
-  }
-  expect_kernels(want, "", four_levels, maps, scales, boxes.data(), n, img_w, img_h, pw,
-                 ph, c);
-
-  // A level whose map has no column (stride above the image width): the
-  // boxes that select it get zeros, and its map is never read.
-  std::vector<short> l0(5 * 5 * 16, 7), l1(2 * 2 * 16, 7), l2(1, 7);
-  short* small[3] = {l0.data(), l1.data(), l2.data()};
-  unsigned small_scales[3] = {8, 20, 64};
-  std::vector<float> big = {0, 0, 40, 40, 0, 0, 1000, 1000};  // levels 0 and 2
-  want.assign(2 * 4 * 16 + kGuard, kPoison);
-  std::fill(want.begin(), want.begin() + 64, 7);
-  std::fill(want.begin() + 64, want.begin() + 128, 0);
-  expect_kernels(want, "", four_levels, small, small_scales, big.data(), 2u, 40u, 40u,
-                 2u, 2u, 16u);
 }
 
 // Every refusal of the three operators: -1 and the message byte for byte;
@@ -243,68 +264,6 @@ TEST(Bilinear, BadInputIsRefusedWithNothingWritten) {
     EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(c.call(), c.want.empty() ? 0 : -1) << c.want; }),
               c.want);
   EXPECT_EQ(out, std::vector<short>(16 + kGuard, kPoison));
-}
-
-TEST(RoiAlign, LargeGridsOnASmallStack) {
-  // Grids larger than the 128-entry table chunk, on a 128 KiB stack.
-  ol_test::on_small_stack([] {
-    rng g(21);
-    ref::map16 m = ref::random_map(g, 9, 6, 16);
-    std::vector<float> boxes = {-3, 1, 20, 11, 5, -4, 6, 30};
-    check_align(m, 2, boxes, 300, 130, "large grid");
-  });
-}
-
-// ---- crop and resize ------------------------------------------------------
-
-// Both kernels give the reference's values, lines and untouched guard.
-void expect_reference(ref::map16& m, float extr, std::vector<float>& boxes, unsigned cw,
-                      unsigned ch, float sx = 1, float sy = 1) {
-  const size_t per_box = size_t(cw) * ch * m.c, n = boxes.size() / 4;
-  std::vector<short> want(per_box * n + kGuard, kPoison);
-  std::string text;
-  for (size_t b = 0; b < n; ++b)
-    ref::crop_box(m, sx, sy, extr, &boxes[4 * b], cw, ch, &want[b * per_box], &text);
-  expect_kernels(want, text, ol::crop_and_resize_fmap_int16_with, m.data(), sx, sy, extr,
-                 boxes.data(), unsigned(n), m.w, m.h, cw, ch, m.c);
-}
-
-// Random maps, scales and boxes (inside, across an edge, far outside,
-// reversed, empty); then one-column / one-row maps (W - 1 = 0: finite boxes
-// sample column 0 or row 0), NaN and infinite boxes, a map without columns
-// (never read, every element E with an "extr y" line), zero-sized crops
-// (nothing written), and crops wider than one table chunk with columns
-// outside on both sides (the lines come out in output order).
-TEST(CropAndResize, MatchesReference) {
-  rng g(17);
-  for (int iter = 0; iter < 300; ++iter) {
-    SCOPED_TRACE(iter);
-    ref::map16 m = ref::random_map(g, g.range(1, 10), g.range(1, 10), 16 * g.range(1, 3));
-    const float sx = g.range(0, 3) ? 1.0f : g.uniform(0.25f, 2.0f);
-    const float sy = g.range(0, 3) ? 1.0f : g.uniform(0.25f, 2.0f);
-    const float extr = g.uniform(-40000, 40000);
-    const unsigned cw = g.range(1, 6), ch = g.range(1, 6);
-    std::vector<float> boxes(4 * g.range(1, 3));
-    for (size_t b = 0; b < boxes.size(); b += 4)
-      ref::random_box(g, float(m.w), float(m.h), &boxes[b]);
-    expect_reference(m, extr, boxes, cw, ch, sx, sy);
-  }
-  std::vector<float> boxes = {kNan, 0, 1, 1, 0,      0, kInf,  1, -kInf, -kInf, kInf, kInf,
-                              0,    0, 1, 1, -1e30f, 0, 1e30f, 1, 0.2f,  0.3f,  0.7f, 0.9f};
-  for (auto wh : {std::pair<unsigned, unsigned>{1, 1}, {1, 4}, {4, 1}, {3, 3}}) {
-    ref::map16 m = ref::random_map(g, wh.first, wh.second, 16);
-    for (unsigned n : {1u, 3u}) {
-      SCOPED_TRACE(std::to_string(wh.first) + "x" + std::to_string(wh.second));
-      expect_reference(m, 9, boxes, n, 2);
-    }
-  }
-  ref::map16 empty = ref::random_map(g, 0, 3, 16);
-  empty.v.assign(1, 0);  // a valid pointer
-  std::vector<float> one = {0, 0, 1, 1}, wide = {-8, -2, 14, 7};
-  expect_reference(empty, 5, one, 2, 2);
-  ref::map16 m = ref::random_map(g, 6, 5, 16);
-  expect_reference(m, 5, one, 0, 4);
-  expect_reference(m, -3, wide, 300, 4);
 }
 
 TEST(CropAndResize, CentreAndExtrapolation) {
