@@ -21,8 +21,9 @@ std::vector<float> poisoned(size_t count) {
   return std::vector<float>(count, opt_layers_half::f32_from_bits(k_poison));
 }
 
-void expect_poisoned(const float* v, size_t count) {
-  for (size_t i = 0; i < count; ++i) EXPECT_EQ(k_poison, opt_layers_half::f32_bits(v[i])) << i;
+// Equal bit for bit (NaN patterns included).
+bool same_bits(const std::vector<float>& a, const std::vector<float>& b) {
+  return a.size() == b.size() && memcmp(a.data(), b.data(), a.size() * sizeof(float)) == 0;
 }
 
 struct proposal {
@@ -60,7 +61,7 @@ TEST(RcnnBboxDecode, WorkedExamples) {
   out = poisoned(8);
   for (uint32_t mode = 0; mode < 4; ++mode)
     EXPECT_EQ(0, decode(p, {0, 0, 0, 0}, out.data(), 0, mode & 1, 0, nullptr, mode >> 1));
-  expect_poisoned(out.data(), 8);
+  EXPECT_TRUE(same_bits(poisoned(8), out));
 }
 
 // Random proposals, deltas (with NaN, infinities, signed zeros, subnormals
@@ -94,79 +95,51 @@ TEST(RcnnBboxDecode, MatchesScalarTwin) {
                                            share, type, sp, no_bg);
     ASSERT_EQ(rc_ref, rc);
     EXPECT_EQ(rc ? ol_test::format("Unsupported bbox type: %u\n", type) : "", text);
-    ASSERT_EQ(0, memcmp(want.data(), got.data(), 4 * classes * sizeof(float))) << "case " << iter;
+    ASSERT_TRUE(same_bits(want, got)) << "case " << iter;
   }
 }
 
 // ---- the stage on the pool -------------------------------------------------
 
-struct decode_frame {
-  uint32_t n, classes, pitch;
-  std::vector<uint16_t> nms_out, deltas;
-};
-
-decode_frame make_frame(uint32_t n, uint32_t classes, uint32_t seed) {
-  decode_frame fr{n, classes, 4 * classes + 3, {}, {}};
-  ol_test::rng r(seed);
-  for (uint32_t i = 0; i < n; ++i) {
-    const float x = r.uniform(0, 600), y = r.uniform(0, 400);
-    const proposal p = box(x, y, x + r.uniform(10, 300), y + r.uniform(10, 300));
-    fr.nms_out.insert(fr.nms_out.end(), p.v, p.v + 4);
-  }
-  fr.deltas.resize(static_cast<size_t>(n) * fr.pitch);
-  for (auto& d : fr.deltas) d = h(r.uniform(-1, 1));
-  return fr;
-}
-
-const float k_scale[4] = {0.1f, 0.1f, 0.2f, 0.2f};
-
-// The stage on a pool of `threads`, with room for `capacity` proposals.
-std::vector<float> run_stage(uint32_t threads, const decode_frame& fr, uint32_t capacity,
-                             bool share, uint32_t type, bool no_bg, std::string* printed) {
-  ol::thread_pool* pool = ol::thread_pool_create(threads);
-  std::vector<float> boxes = poisoned(4 * static_cast<size_t>(capacity) * fr.classes);
-  ol_test::stdout_capture cap;
-  ol::frcnn_rcnn_decode(pool, fr.nms_out.data(), fr.deltas.data(), boxes.data(),
-                        600, 800, fr.classes, fr.pitch, fr.n, share, type, true, k_scale, no_bg);
-  *printed = cap.end();
-  ol::thread_pool_destroy(pool);
-  return boxes;
-}
-
-// Every mode, 1 and 8 workers, fewer proposals than tasks and more (uneven
-// runs): each proposal's slots equal a direct call of the kernel, and the
-// slots of proposals n .. capacity-1 stay untouched.
-// No proposal or a bad type writes nothing; the bad type prints once per
-// proposal.
+// Every mode, 1 and 8 workers, no proposal, fewer proposals than tasks and
+// more (uneven runs): each proposal's slots equal a direct call of the
+// kernel, and the slots of proposals n .. n+2 stay untouched. A bad type
+// writes nothing and prints once per proposal.
 TEST(FrcnnRcnnDecode, StageMatchesKernelForAnyThreadCount) {
-  std::string printed;
-  for (const uint32_t n : {37u, 203u}) {
-    decode_frame fr = make_frame(n, 6, 3);
-    const uint32_t capacity = n + 3;
+  const uint32_t classes = 6, pitch = 4 * classes + 3;
+  const float scale[4] = {0.1f, 0.1f, 0.2f, 0.2f};
+  for (const uint32_t n : {0u, 37u, 203u}) {
+    ol_test::rng r(3);
+    std::vector<uint16_t> nms_out, deltas(static_cast<size_t>(n) * pitch);
+    for (uint32_t i = 0; i < n; ++i) {
+      const float x = r.uniform(0, 600), y = r.uniform(0, 400);
+      const proposal p = box(x, y, x + r.uniform(10, 300), y + r.uniform(10, 300));
+      nms_out.insert(nms_out.end(), p.v, p.v + 4);
+    }
+    for (auto& d : deltas) d = h(r.uniform(-1, 1));
     for (int mode = 0; mode < 4; ++mode) {
       const bool share = mode & 1, no_bg = mode & 2;
-      std::vector<float> want = poisoned(4 * capacity * fr.classes);
-      for (uint32_t i = 0; i < fr.n; ++i)
-        ol::rcnn_bbox_decode(&fr.nms_out[4 * i], &fr.deltas[i * fr.pitch], &want[4 * i * fr.classes],
-                             600, 800, fr.classes, share, 1, 1, k_scale, no_bg);
-      for (uint32_t threads : {1u, 8u}) {
-        const std::vector<float> got = run_stage(threads, fr, capacity, share, 1, no_bg, &printed);
-        ASSERT_EQ(0, memcmp(want.data(), got.data(), want.size() * sizeof(float)))
-            << "mode " << mode << " threads " << threads;
-        EXPECT_EQ("", printed);
+      std::vector<float> want = poisoned(4 * (n + 3) * classes);
+      for (uint32_t i = 0; i < n; ++i)
+        ol::rcnn_bbox_decode(&nms_out[4 * i], &deltas[i * pitch], &want[4 * i * classes], 600, 800,
+                             classes, share, 1, 1, scale, no_bg);
+      for (uint32_t threads : {1u, 8u, 2u}) {
+        const uint32_t type = threads == 2 ? 2 : 1;  // 2: not a type
+        ol::thread_pool* pool = ol::thread_pool_create(threads);
+        std::vector<float> got = poisoned(want.size());
+        const std::string text = ol_test::printed([&] {
+          ol::frcnn_rcnn_decode(pool, nms_out.data(), deltas.data(), got.data(), 600, 800, classes,
+                                pitch, n, share, type, true, scale, no_bg);
+        });
+        ol::thread_pool_destroy(pool);
+        std::string lines;
+        for (uint32_t i = 0; type == 2 && i < n; ++i) lines += "Unsupported bbox type: 2\n";
+        EXPECT_EQ(lines, text);
+        ASSERT_TRUE(same_bits(type == 2 ? poisoned(want.size()) : want, got))
+            << "n " << n << " mode " << mode << " threads " << threads;
       }
-      std::vector<float> got = run_stage(2, fr, capacity, share, 2, no_bg, &printed);
-      expect_poisoned(got.data(), got.size());
-      std::string line = "Unsupported bbox type: 2\n", lines;
-      for (uint32_t i = 0; i < fr.n; ++i) lines += line;
-      EXPECT_EQ(lines, printed);
     }
   }
-  decode_frame fr = make_frame(4, 6, 3);
-  fr.n = 0;
-  const std::vector<float> got = run_stage(2, fr, 5, false, 0, false, &printed);
-  expect_poisoned(got.data(), got.size());
-  EXPECT_EQ("", printed);
 }
 
 }  // namespace

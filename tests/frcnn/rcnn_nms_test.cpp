@@ -1,5 +1,5 @@
 // Class suppression: the kernel against its scalar twin (full selection sort
-// and greedy walk) on random inputs, the worked examples, the table layout
+// and greedy walk) on random inputs, the worked examples (shared with nms),
 // and the ten-task stage.
 // ctest-labels: threaded
 #include <string.h>
@@ -10,6 +10,7 @@
 #include "common/test_util.h"
 #include "frcnn/head_reference.h"
 #include "frcnn/head_stage.h"
+#include "frcnn/nms_ref.h"
 
 namespace {
 
@@ -37,7 +38,8 @@ struct problem {
     b[0] = x1, b[1] = y1, b[2] = x2, b[3] = y2;
     scores[static_cast<size_t>(i) * pitch + c] = h(score);
   }
-  size_t result_size() const { return class_num + 5 * static_cast<size_t>(post_nms_num) * class_num; }
+  // The table and one poisoned value past it.
+  size_t result_size() const { return class_num + 5 * static_cast<size_t>(post_nms_num) * class_num + 1; }
 };
 
 // The kernel on a deliberately misaligned scratch block.
@@ -68,45 +70,63 @@ std::vector<uint16_t> run_stage(problem& p, uint32_t threads, uint32_t n) {
   return out;
 }
 
-// Worked examples on class 1 of two: which proposals are kept, in which
-// order (each record is the rounded box and the score).
-TEST(RcnnClassNms, WorkedExamples) {
+// Worked examples through both suppressions: the class kernel on class 1 of
+// two (which proposals are kept, in which order; each record is the rounded
+// box and the score) and nms on the same records in the given order, best
+// first (how many are kept). Sizes are inclusive; only an IoU strictly above
+// the threshold suppresses.
+TEST(Suppression, WorkedExamplesForBothKernels) {
   struct example {
     const char* what;
     float iou, cls_prob;
     uint32_t post;
     std::vector<std::vector<float>> boxes;  // x1 y1 x2 y2 score
     std::vector<uint32_t> kept;
+    int nms_kept;
   };
-  const std::vector<float> a = {0, 0, 9, 9, 0.9f}, b = {9, 0, 18, 9, 0.8f};
+  const std::vector<float> a = {0, 0, 10, 10, 0.9f}, same = {0, 0, 10, 10, 0.8f};
+  const std::vector<float> column = {10, 0, 20, 10, 0.8f};  // one shared column: IoU 11 / 231
+  const std::vector<float> right = {11, 0, 20, 10, 0.8f}, below = {0, 11, 10, 20, 0.8f};  // w, h = 0
+  const float col = 11.0f / 231.0f;
   const example cases[] = {
       {"equal scores keep the order of the selection sort", 0.7f, 0.05f, 3,
-       {{0, 0, 9, 9, 0.5f}, {20, 0, 29, 9, 0.5f}, {40, 0, 49, 9, 0.9f}}, {2, 1, 0}},
+       {{0, 0, 9, 9, 0.5f}, {20, 0, 29, 9, 0.5f}, {40, 0, 49, 9, 0.9f}}, {2, 1, 0}, 3},
       {"a score equal to cls_prob is not kept", 0.7f, 0.5f, 2,
-       {{0, 0, 9, 9, 0.5f}, {50, 0, 59, 9, 0.25f}}, {}},
+       {{0, 0, 9, 9, 0.5f}, {50, 0, 59, 9, 0.25f}}, {}, 2},
       {"the next half above cls_prob is", 0.7f, 0.5f, 2,
-       {{0, 0, 9, 9, 0.5f}, {50, 0, 59, 9, 0.50048828125f}}, {1}},
-      // One shared column: inter 10, union 190, IoU 0.0526.
-      {"IoU above 0.052", 0.052f, 0.05f, 2, {a, b}, {0}},
-      {"IoU not above 0.053", 0.053f, 0.05f, 2, {a, b}, {0, 1}},
-      {"identical boxes: IoU 1 above 0.7", 0.7f, 0.05f, 2, {a, {0, 0, 9, 9, 0.8f}}, {0}},
-      {"identical boxes: IoU 1 not above 1.0", 1.0f, 0.05f, 2, {a, {0, 0, 9, 9, 0.8f}}, {0, 1}},
+       {{0, 0, 9, 9, 0.5f}, {50, 0, 59, 9, 0.50048828125f}}, {1}, 2},
       // 1000.25 and 1000.3 round to 1000.5, 1000.75 (a tie as well) to 1001.
       {"coordinates round to the nearest half, ties away", 0.7f, 0.05f, 1,
-       {{1000.25f, 1000.3f, 1000.75f, 7.0f, 0.75f}}, {0}},
-      // The scratch holds 6, the kernel stops at 4.
+       {{1000.25f, 1000.3f, 1000.75f, 7.0f, 0.75f}}, {0}, 1},
+      // The scratch holds 6, the kernels stop at 4.
       {"the count stops at post_nms_num", 0.7f, 0.05f, 4,
        {{0, 0, 9, 9, 0.1f}, {20, 0, 29, 9, 0.2f}, {40, 0, 49, 9, 0.3f}, {60, 0, 69, 9, 0.4f},
         {80, 0, 89, 9, 0.5f}, {100, 0, 109, 9, 0.6f}},
-       {5, 4, 3, 2}},
+       {5, 4, 3, 2}, 4},
+      {"identical boxes: IoU 1 above 0.7", 0.7f, 0.05f, 2, {a, same}, {0}, 1},
+      {"identical boxes: IoU 1 not above 1.0", 1.0f, 0.05f, 2, {a, same}, {0, 1}, 2},
+      {"any overlap is above 0", 0.0f, 0.05f, 2, {a, column}, {0}, 1},
+      {"IoU above", col - 1e-4f, 0.05f, 2, {a, column}, {0}, 1},
+      {"IoU not above", col + 1e-4f, 0.05f, 2, {a, column}, {0, 1}, 2},
+      {"no overlap to the right", 0.0f, 0.05f, 2, {a, right}, {0, 1}, 2},
+      {"no overlap below", 0.0f, 0.05f, 2, {a, below}, {0, 1}, 2},
+      // Below a negative threshold nms still keeps boxes with w or h <= 0;
+      // for the class kernel their IoU, 0, is above it.
+      {"negative threshold, overlap", -1.0f, 0.05f, 2, {a, column}, {0}, 1},
+      {"negative threshold, to the right", -1.0f, 0.05f, 2, {a, right}, {0}, 2},
+      {"negative threshold, below", -1.0f, 0.05f, 2, {a, below}, {0}, 2},
+      {"a NaN threshold suppresses nothing", NAN, 0.05f, 2, {a, same}, {0, 1}, 2},
   };
   for (const example& e : cases) {
     SCOPED_TRACE(e.what);
     problem p(static_cast<uint32_t>(e.boxes.size()), 2, e.post);
     p.iou = e.iou;
     p.cls_prob = e.cls_prob;
-    for (uint32_t i = 0; i < p.n; ++i)
+    std::vector<uint16_t> records;
+    for (uint32_t i = 0; i < p.n; ++i) {
       p.set(i, 1, e.boxes[i][0], e.boxes[i][1], e.boxes[i][2], e.boxes[i][3], e.boxes[i][4]);
+      for (float v : e.boxes[i]) records.push_back(h(v));
+    }
     const std::vector<uint16_t> out = run_kernel(p, 1, 2);
     std::vector<uint16_t> want(out.size(), k_poison);  // class 1's count and records
     want[1] = h(static_cast<float>(e.kept.size()));
@@ -114,6 +134,10 @@ TEST(RcnnClassNms, WorkedExamples) {
       for (int j = 0; j < 5; ++j) want[2 + 5 * (e.post + k) + j] = h(e.boxes[e.kept[k]][j]);
     EXPECT_EQ(out, want);
     EXPECT_EQ(out, run_reference(p, 1, 2));
+    std::vector<uint16_t> got_nms(4 * e.post, k_poison), want_nms = got_nms;
+    EXPECT_EQ(e.nms_kept, nms(ol_test::as_half(got_nms), ol_test::as_half(records), p.n, e.iou, e.post));
+    EXPECT_EQ(e.nms_kept, ol_ref::nms_ref(want_nms.data(), records.data(), p.n, e.iou, e.post));
+    EXPECT_EQ(want_nms, got_nms);
   }
   // A count above 2048 is stored truncated: 2049 kept boxes read 2048.
   problem p(2049, 2, 2049);
@@ -166,12 +190,12 @@ TEST(RcnnClassNms, MatchesScalarTwin) {
 // ---- the stage ---------------------------------------------------------------
 
 // The stage against the twin on a 26-class frame (no background set; ten
-// tasks of 2 classes, the last one with 7) and
-// at the edges: n = 0 (every count 0, no record), n above post_nms_num
-// (limited to it), class_num 1 (only value 0 is written); 1 and 8 workers.
+// tasks of 2 classes, the last one with 7) and at the edges: n = 0 (every
+// count 0, no record), n above post_nms_num (limited to it), class_num 1
+// (only value 0 is written), class_num 0 (nothing at all); 1 and 8 workers.
 TEST(FrcnnRcnnNms, StageMatchesTwinForAnyThreadCount) {
   const struct { uint32_t n, given, classes, post; } cases[] = {
-      {120, 120, 26, 150}, {0, 0, 4, 3}, {3, 7, 4, 3}, {3, 3, 1, 3}};
+      {120, 120, 26, 150}, {0, 0, 4, 3}, {3, 7, 4, 3}, {3, 3, 1, 3}, {3, 3, 0, 3}};
   ol_test::rng r(5);
   for (const auto& c : cases) {
     problem p(c.n, c.classes, c.post);
@@ -183,17 +207,9 @@ TEST(FrcnnRcnnNms, StageMatchesTwinForAnyThreadCount) {
               r.next() % 4 ? r.uniform(0, 0.05f) : r.uniform(0, 1));
       }
     std::vector<uint16_t> want = run_reference(p, 1, p.class_num);
-    want[0] = 0;  // the background count
+    if (p.class_num > 0) want[0] = 0;  // the background count
     for (uint32_t threads : {1u, 8u}) EXPECT_EQ(want, run_stage(p, threads, c.given)) << c.n;
   }
-  // class_num 0: nothing at all.
-  problem none(3, 0, 3);
-  ol::thread_pool* pool = ol::thread_pool_create(1);
-  uint16_t sentinel = k_poison;
-  ol::frcnn_rcnn_nms(pool, &sentinel, none.boxes.data(), none.scores.data(), 0, 3, 2, 3, false,
-                     0.5f, 0.05f, nullptr, 0);
-  ol::thread_pool_destroy(pool);
-  EXPECT_EQ(k_poison, sentinel);
 }
 
 }  // namespace
