@@ -43,11 +43,6 @@ class hist_fixture {
 
   static uint32_t length(const ol::hist_row_node* p) { return p ? 1 + length(p->next) : 0; }
   uint32_t free_count() const { return length(t.free_nodes); }
-  uint32_t chained_count() const {
-    uint32_t n = 0;
-    for (uint32_t k = 0; k < ol::k_hist_buckets; ++k) n += length(t.list[k].head);
-    return n;
-  }
 
   ol::hist_tables t{};
 };
