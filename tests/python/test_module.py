@@ -114,18 +114,6 @@ def test_dump_is_what_init_prints(capfd, extra):
     assert capfd.readouterr().out == text
 
 
-def test_library_failures_raise_and_print(capfd):
-    with pytest.raises(RuntimeError, match="opt_layers_instance_frcnn_init failed"):
-        ol.Pipeline(small_desc(thread_num=0), ANCHORS)
-    assert capfd.readouterr().out == "thread number 0 less than 1\ncreate thread pool err\n"
-    d = small_desc(bbox_type=2)
-    f = frame(d)
-    with ol.Pipeline(d, ANCHORS) as p:
-        with pytest.raises(RuntimeError, match="opt_layers_instance_frcnn_prenms_nms failed"):
-            p.prenms_nms(f["rpn_cls"], f["rpn_bbox"])
-    assert capfd.readouterr().out == "Unsupport bbox type: 2\nfrcnn prenms err\n"
-
-
 def test_operator_round_trips(capfd):
     r = np.random.default_rng(5)
     m = r.integers(-3000, 3000, (6, 9, 32), dtype=np.int16)
@@ -280,6 +268,15 @@ BAD = [
 ]
 
 
+# Failures inside the library: the exception, and what the library printed.
+LIBRARY = [
+    (lambda p, f: ol.Pipeline(small_desc(thread_num=0), ANCHORS), RuntimeError, "opt_layers_instance_frcnn_init failed",
+     "thread number 0 less than 1\ncreate thread pool err\n"),
+    (lambda p, f: ol.Pipeline(small_desc(bbox_type=2), ANCHORS).prenms_nms(f["rpn_cls"], f["rpn_bbox"]), RuntimeError,
+     "opt_layers_instance_frcnn_prenms_nms failed (returned -1)", "Unsupport bbox type: 2\nfrcnn prenms err\n"),
+]
+
+
 @pytest.fixture(scope="module")
 def small():
     d = small_desc()
@@ -287,9 +284,9 @@ def small():
         yield p, frame(d)
 
 
-@pytest.mark.parametrize("call, error, message", BAD)
-def test_bad_input_is_refused(small, capfd, call, error, message):
+@pytest.mark.parametrize("call, error, message, printed", [b + ("",) for b in BAD] + LIBRARY)
+def test_bad_input_is_refused(small, capfd, call, error, message, printed):
     with pytest.raises(error) as e:
         call(*small)
     assert str(e.value) == message
-    assert capfd.readouterr().out == ""
+    assert capfd.readouterr().out == printed
