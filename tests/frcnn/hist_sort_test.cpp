@@ -146,33 +146,6 @@ TEST(HistInsert, NodeAllocationFailureStopsInsertion) {
   EXPECT_EQ(fx.free_count(), 2u);
 }
 
-TEST(HistWalk, ResumedWalksEqualOneWalk) {
-  // 1.0: 700 entries (inline row, a full node, a partial node); 0.5: 5;
-  // -2: 600; -4: 3000 (six nodes); shuffled.
-  hist_fixture fx;
-  ol_test::rng r(9);
-  u16v s = runs({{700, ol_test::h(1.0f)}, {5, ol_test::h(0.5f)}, {600, ol_test::h(-2.0f)},
-                 {3000, ol_test::h(-4.0f)}});
-  shuffle(s, r);
-  insert(fx, s);
-  const u32v one = ref_sorted(s);
-  ASSERT_EQ(walk(fx, 5000, true), one);
-  for (int round = 0; round < 200; ++round) {
-    const uint32_t hi = round % 4 ? 40 : 600;
-    ASSERT_EQ(walk_in_pieces(fx, {uint32_t(r.range(1, hi)), uint32_t(r.range(1, hi)), uint32_t(r.range(1, hi))}), one) << round;
-  }
-  // Splits at and next to the end of the inline row and of a full node, in
-  // each bucket; an exhausted walk stays exhausted.
-  for (uint32_t first : {63u, 64u, 65u, 573u, 574u, 575u, 700u, 705u, 768u, 769u, 770u, 1278u,
-                         1279u, 1280u, 1305u, 1369u, 1879u, 2389u, 4305u})
-    EXPECT_EQ(walk_in_pieces(fx, {first, 5000}), one) << first;
-  EXPECT_TRUE(walk(fx, 10, false).empty());
-  // A zero-length walk changes nothing.
-  walk(fx, 3, true);
-  EXPECT_TRUE(walk(fx, 0, false).empty());
-  EXPECT_EQ(walk(fx, 5, false), u32v(one.begin() + 3, one.begin() + 8));
-}
-
 TEST(HistWalk, InconsistentBucketsReportAndStop) {
   // A count that promises a chain which is not there: the walk stops.
   hist_fixture fx;
@@ -266,7 +239,9 @@ TEST(RpnSort, BlankFrameZeroCountsAndResume) {
 
   const u16v s3 = {0x3C00, 0x3800, 0x3C00};
   EXPECT_EQ(sort_path(fx, s3, 2, false), (u32v{0, 2}));
-  // No candidates: nothing written, tables and cursor unchanged.
+  // A zero-length walk, and no candidates: nothing written, tables and
+  // cursor unchanged.
+  EXPECT_TRUE(walk(fx, 0, false).empty());
   u32v out(8, 0x5A5A5A5A);
   ol::rpn_sort(&fx.t, s3.data(), 2, out.data(), 0, false);
   ol::rpn_sort(&fx.t, s3.data(), 2, out.data(), 0, true);
