@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <initializer_list>
 #include <numeric>
 #include <string>
 #include <utility>
@@ -66,18 +65,6 @@ void insert(hist_fixture& fx, const u16v& s) {
   ASSERT_EQ(ol::hist_insert(&fx.t, s.data(), static_cast<uint32_t>(s.size())), 0);
 }
 
-template <class T>
-void shuffle(std::vector<T>& v, ol_test::rng& r) {
-  for (size_t i = v.size() - 1; i > 0; --i) std::swap(v[i], v[r.next() % (i + 1)]);
-}
-
-// Runs of equal scores: {count, pattern} pairs in order.
-u16v runs(std::initializer_list<std::pair<size_t, uint16_t>> parts) {
-  u16v s;
-  for (const auto& [n, key] : parts) s.insert(s.end(), n, key);
-  return s;
-}
-
 u32v iota_vec(uint32_t first, uint32_t count) {
   u32v v(count);
   std::iota(v.begin(), v.end(), first);
@@ -102,12 +89,14 @@ TEST(HistInsert, ChainNodesFreeListAndReset) {
   // and the next frame takes all of them again (links cleared) without
   // allocating.
   hist_fixture fx(3);
-  const std::pair<uint16_t, uint32_t> nodes[] = {{0x1000, 0}, {0x2000, 1}, {0x2800, 1}, {0x3000, 2}, {0xB000, 3}};
-  const u16v s = runs({{64, 0x1000}, {65, 0x2000}, {574, 0x2800}, {575, 0x3000}, {64 + 1100, 0xB000}});
+  const struct { uint16_t key; uint32_t count, nodes; } runs[] = {
+      {0x1000, 64, 0}, {0x2000, 65, 1}, {0x2800, 574, 1}, {0x3000, 575, 2}, {0xB000, 64 + 1100, 3}};
+  u16v s;
+  for (const auto& b : runs) s.insert(s.end(), b.count, b.key);
   for (int frame = 0; frame < 2; ++frame) {
     insert(fx, s);
     EXPECT_EQ(fx.free_count(), 0u);
-    for (const auto& [key, n] : nodes) EXPECT_EQ(hist_fixture::length(fx.t.list[key].head), n) << key;
+    for (const auto& b : runs) EXPECT_EQ(hist_fixture::length(fx.t.list[b.key].head), b.nodes) << b.key;
     EXPECT_EQ(walk(fx, 5000, true), ref_sorted(s));
     ol::hist_reset(&fx.t);
     EXPECT_EQ(fx.free_count(), 7u);
@@ -198,7 +187,8 @@ TEST(RpnSort, BothPathsOnRandomScores) {
   for (int round = 0; round < 48; ++round) {
     u16v order = expected_order();
     const int variant = round % 6;  // 0, 2, 4: the built order
-    if (variant == 1) shuffle(order, r);
+    if (variant == 1)  // shuffled
+      for (size_t i = order.size() - 1; i > 0; --i) std::swap(order[i], order[r.next() % (i + 1)]);
     if (variant == 3 || variant == 5)
       for (int k = 0; k < 40; ++k) std::swap(order[r.next() % 65536], order[r.next() % 65536]);
     if (variant == 5) std::reverse(order.begin(), order.end());
