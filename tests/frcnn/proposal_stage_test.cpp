@@ -56,13 +56,18 @@ u32v ref_sorted(const u16v& s, const u16v& order = expected_order()) {
   return out;
 }
 
-// A walk into a poisoned buffer: nothing may be written past what it returns.
-u32v walk(hist_fixture& fx, uint32_t n, bool restart) {
-  u32v out(n + 8, 0xDEADBEEF);
-  const uint32_t got = ol::hist_walk(out.data(), n, &fx.t, restart);
-  EXPECT_EQ(u32v(out.begin() + got, out.end()), u32v(n + 8 - got, 0xDEADBEEF));
-  out.resize(got);
+// The first `written` numbers of a buffer filled with 0xA5A5A5A5 beforehand:
+// nothing may be written past them.
+u32v written_part(u32v out, size_t written) {
+  const size_t n = std::min(out.size(), written);
+  EXPECT_EQ(u32v(out.begin() + n, out.end()), u32v(out.size() - n, 0xA5A5A5A5));
+  out.resize(n);
   return out;
+}
+
+u32v walk(hist_fixture& fx, uint32_t n, bool restart) {
+  u32v out(n + 8, 0xA5A5A5A5);
+  return written_part(out, ol::hist_walk(out.data(), n, &fx.t, restart));
 }
 
 // Walks everything in pieces of the given sizes (the last one repeated).
@@ -174,17 +179,12 @@ TEST(HistWalk, InconsistentBucketsReportAndStop) {
   EXPECT_EQ(got.back(), 84u);
 }
 
-// rpn_sort into a poisoned buffer: the numbers it says it wrote; nothing
-// past them may be written. The comparison path runs on scratch as the
-// context gives it.
+// rpn_sort into a poisoned buffer; the comparison path runs on scratch as
+// the context gives it.
 u32v sort_path(hist_fixture& fx, const u16v& s, uint32_t pre, bool use_qsort) {
   u32v out(s.size() + 4, 0xA5A5A5A5), scratch(s.size());
-  const size_t n = std::min<size_t>(out.size(), ol::rpn_sort(&fx.t, s.data(), pre, out.data(),
-                                                             static_cast<uint32_t>(s.size()), use_qsort,
-                                                             scratch.data()));
-  EXPECT_EQ(u32v(out.begin() + n, out.end()), u32v(out.size() - n, 0xA5A5A5A5));
-  out.resize(n);
-  return out;
+  const uint32_t M = static_cast<uint32_t>(s.size());
+  return written_part(out, ol::rpn_sort(&fx.t, s.data(), pre, out.data(), M, use_qsort, scratch.data()));
 }
 
 // Random scores: ties (runs long enough to chain), both zeros, infinities,
@@ -384,14 +384,12 @@ TEST(proposal_stage, matches_direct_formulation) {
         d.min_size = 120;
         d.pre_nms_num = 200;
         ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 5 + mode);
+        const uint16_t fixed[] = {0x8000, 0x0000, oh::from_float_trunc(threshold), oh::from_float_round(threshold)};
         for (uint16_t& v : f.cls) {
           const uint32_t pick = r.next() % 10;
           if (v == 0x7E00) continue;  // padding
-          if (pick == 0) v = 0x8000;
-          if (pick == 1) v = 0x0000;
-          if (pick == 2) v = oh::from_float_trunc(threshold);
-          if (pick == 3) v = oh::from_float_round(-r.uniform(0, 1));
-          if (pick == 4) v = oh::from_float_round(threshold);
+          if (pick < 4) v = fixed[pick];
+          if (pick == 4) v = oh::from_float_round(-r.uniform(0, 1));
           if (pick == 5 && r.next() % 8 == 0)  // infinities (of the difference, too)
             v = (r.next() % 2 ? 0x8000 : 0) | (d.is_rpn_cls_fg_minus_bg ? 0x7B53 : 0x7C00);
           if (pick == 6 && filter) v = r.next() % 2 ? 0x7E00 : 0xFE00;  // never candidates
