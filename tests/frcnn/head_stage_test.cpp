@@ -35,36 +35,32 @@ struct proposal {
 };
 proposal box(float x1, float y1, float x2, float y2) { return {{h(x1), h(y1), h(x2), h(y2)}}; }
 
-// rcnn_bbox_decode with the common defaults.
+// rcnn_bbox_decode on a proposal record, the factors applied when given.
 int decode(const proposal& p, const std::vector<uint16_t>& deltas, float* out, uint32_t class_num,
-           uint32_t share = 0, uint32_t type = 0, const float* scale = nullptr, uint32_t no_bg = 0,
-           uint32_t img_h = 1000, uint32_t img_w = 1000) {
+           uint32_t share, uint32_t type, const float* scale, uint32_t no_bg, uint32_t img_h, uint32_t img_w) {
   return ol::rcnn_bbox_decode(p.v, deltas.data(), out, img_h, img_w, class_num, share, type,
                               scale ? 1 : 0, scale, no_bg);
 }
 
+// One class: zero deltas give a box one pixel wider and taller than the
+// proposal; edges clip to L - 1 and to 0; NaN deltas give NaN edges, which
+// clip to L - 1 (0 when L <= 1). class_num 0 writes nothing in any mode (and
+// nothing wraps).
 TEST(RcnnBboxDecode, WorkedExamples) {
-  const proposal p = box(10, 20, 29, 59);
-  std::vector<float> out(4);
-  // Zero deltas: one pixel wider and taller than the proposal.
-  ASSERT_EQ(0, decode(p, {0, 0, 0, 0}, out.data(), 1));
-  EXPECT_EQ(std::vector<float>({10, 20, 30, 60}), out);
-
-  // Clip to img_w - 1 and to 0: w = 705, x1' = -5, x2' = 700.
-  decode(box(-5, 0, 699, 10), {0, 0, 0, 0}, out.data(), 1, 0, 0, nullptr, 0, 480, 640);
-  EXPECT_EQ(std::vector<float>({0, 0, 639, 11}), out);
-
-  // NaN deltas give NaN edges, which clip to L - 1 (0 when L <= 1).
   const uint16_t nan = 0x7E00;
-  decode(p, {nan, nan, nan, nan}, out.data(), 1, 0, 0, nullptr, 0, 480, 640);
-  EXPECT_EQ(std::vector<float>({639, 479, 639, 479}), out);
-  decode(p, {nan, nan, nan, nan}, out.data(), 1, 0, 0, nullptr, 0, 1, 0);
-  EXPECT_EQ(std::vector<float>({0, 0, 0, 0}), out);
-
-  // class_num 0 writes nothing in any mode (and nothing wraps).
-  out = poisoned(8);
+  const struct { proposal p; std::vector<uint16_t> deltas; uint32_t img_h, img_w; std::vector<float> want; } cases[] = {
+      {box(10, 20, 29, 59), {0, 0, 0, 0}, 1000, 1000, {10, 20, 30, 60}},
+      {box(-5, 0, 699, 10), {0, 0, 0, 0}, 480, 640, {0, 0, 639, 11}},  // w = 705: x1' = -5, x2' = 700
+      {box(10, 20, 29, 59), {nan, nan, nan, nan}, 480, 640, {639, 479, 639, 479}},
+      {box(10, 20, 29, 59), {nan, nan, nan, nan}, 1, 0, {0, 0, 0, 0}}};
+  for (const auto& c : cases) {
+    std::vector<float> out(4);
+    ASSERT_EQ(0, decode(c.p, c.deltas, out.data(), 1, 0, 0, nullptr, 0, c.img_h, c.img_w));
+    EXPECT_EQ(c.want, out);
+  }
+  std::vector<float> out = poisoned(8);
   for (uint32_t mode = 0; mode < 4; ++mode)
-    EXPECT_EQ(0, decode(p, {0, 0, 0, 0}, out.data(), 0, mode & 1, 0, nullptr, mode >> 1));
+    EXPECT_EQ(0, decode(cases[0].p, {0, 0, 0, 0}, out.data(), 0, mode & 1, 0, nullptr, mode >> 1, 600, 800));
   EXPECT_TRUE(same_bits(poisoned(8), out));
 }
 
