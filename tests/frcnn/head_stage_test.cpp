@@ -187,13 +187,15 @@ std::vector<uint16_t> run_reference(problem& p, uint32_t start, uint32_t end) {
   return out;
 }
 
+// The stage on misaligned scratch blocks (none for class_num 0: it runs no task).
 std::vector<uint16_t> run_stage(problem& p, uint32_t threads, uint32_t n) {
   ol::thread_pool* pool = ol::thread_pool_create(threads);
   const uint32_t block = ol::class_nms_scratch_bytes(p.post_nms_num) + 5;
   std::vector<unsigned char> scratch(10 * static_cast<size_t>(block) + 3);
   std::vector<uint16_t> out(p.result_size(), k_poison);
   ol::frcnn_rcnn_nms(pool, out.data(), p.boxes.data(), p.scores.data(), p.class_num, n, p.pitch,
-                     p.post_nms_num, p.no_bg, p.iou, p.cls_prob, scratch.data() + 3, block);
+                     p.post_nms_num, p.no_bg, p.iou, p.cls_prob, p.class_num ? scratch.data() + 3 : nullptr,
+                     p.class_num ? block : 0);
   ol::thread_pool_destroy(pool);
   return out;
 }
