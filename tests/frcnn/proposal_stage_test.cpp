@@ -260,48 +260,38 @@ TEST(RpnSort, BlankFrameZeroCountsAndResume) {
 
 // ---- the stage ---------------------------------------------------------------
 
-struct candidate {
-  uint16_t score;
-  uint32_t position;
-};
-
-// Scores of every position, in position order, as the three modes define them.
-std::vector<candidate> reference_candidates(const frcnn_desc& d, const std::vector<uint16_t>& cls) {
+// The stage written directly: every position's score as the three modes
+// define it, the candidates (with the filter, scores above the threshold
+// truncated to half) ordered best first by the plain walk (equal values by
+// position, +0 before -0), each decoded in turn and the first
+// min(pre_nms_num, survivors) kept.
+std::vector<uint16_t> reference_proposals(const frcnn_desc& d, const std::vector<float>& base,
+                                          const ol_test::rpn_frame& f) {
   const uint32_t A = d.anchor_num, H = d.fmap_h, W = d.fmap_w;
-  const size_t plane = static_cast<size_t>(H) * d.rpn_cls_pitch;
+  const size_t cls_plane = static_cast<size_t>(H) * d.rpn_cls_pitch;
   const uint16_t T = oh::from_float_trunc(d.rpn_cls_threshold);
-  std::vector<candidate> out;
+  u16v scores;
+  u32v positions;
   for (uint32_t a = 0; a < A; ++a)
     for (uint32_t y = 0; y < H; ++y)
       for (uint32_t x = 0; x < W; ++x) {
         const size_t at = static_cast<size_t>(y) * d.rpn_cls_pitch + x;
         const uint16_t s =
             d.is_rpn_cls_fg_minus_bg
-                ? oh::from_float_trunc(oh::to_float(cls[(2 * a + 1) * plane + at]) -
-                                       oh::to_float(cls[2 * a * plane + at]))
-                : cls[(d.is_rpn_cls_fg_only ? a : A + a) * plane + at];
-        if (!d.is_filter_rpn_cls || oh::to_float(s) > oh::to_float(T))
-          out.push_back({s, (a * H + y) * W + x});
+                ? oh::from_float_trunc(oh::to_float(f.cls[(2 * a + 1) * cls_plane + at]) -
+                                       oh::to_float(f.cls[2 * a * cls_plane + at]))
+                : f.cls[(d.is_rpn_cls_fg_only ? a : A + a) * cls_plane + at];
+        if (!d.is_filter_rpn_cls || oh::to_float(s) > oh::to_float(T)) {
+          scores.push_back(s);
+          positions.push_back((a * H + y) * W + x);
+        }
       }
-  return out;
-}
-
-// Orders the candidates best first by the plain walk (equal values by
-// position, +0 before -0), decodes every one and keeps the first
-// min(pre_nms_num, survivors).
-std::vector<uint16_t> reference_proposals(const frcnn_desc& d, const std::vector<float>& base,
-                                          const ol_test::rpn_frame& f) {
-  const std::vector<candidate> c = reference_candidates(d, f.cls);
-  u16v scores;
-  for (const candidate& k : c) scores.push_back(k.score);
-  const uint32_t H = d.fmap_h, W = d.fmap_w;
   const size_t plane = static_cast<size_t>(H) * d.fmap_pitch;
-  const size_t n = std::min<size_t>(c.size(), d.pre_nms_num);
+  const size_t n = std::min<size_t>(scores.size(), d.pre_nms_num);
   std::vector<uint16_t> out;
   for (uint32_t i : ref_sorted(scores)) {
-    const candidate& k = c[i];
     if (out.size() / 5 == n) break;
-    const uint32_t a = k.position / (H * W), y = k.position % (H * W) / W, x = k.position % W;
+    const uint32_t a = positions[i] / (H * W), y = positions[i] % (H * W) / W, x = positions[i] % W;
     const float sx = static_cast<float>(x * d.fmap_scale), sy = static_cast<float>(y * d.fmap_scale);
     const float ax1 = base[4 * a] + sx, ay1 = base[4 * a + 1] + sy;
     const float ax2 = base[4 * a + 2] + sx, ay2 = base[4 * a + 3] + sy;
@@ -328,7 +318,7 @@ std::vector<uint16_t> reference_proposals(const frcnn_desc& d, const std::vector
       v = v > 0 ? v : 0;
       out.push_back(oh::from_float_round(v));
     }
-    out.push_back(k.score);
+    out.push_back(scores[i]);
   }
   return out;
 }
