@@ -337,6 +337,9 @@ std::vector<uint16_t> run_prenms(void* h, ol_test::rpn_frame& f) {
   return std::vector<uint16_t>(p, p + 5 * k);
 }
 
+// A small first stage: 9 anchors over 11 x 13 positions (score and delta rows
+// at different pitches), 200 proposals kept, min_size 120, box factors set
+// (applied where a test turns them on).
 frcnn_desc small_config(uint8_t threads, bool qsort) {
   frcnn_desc d = ol_test::mobile_desc(threads, qsort);
   d.fmap_h = 11;
@@ -344,17 +347,19 @@ frcnn_desc small_config(uint8_t threads, bool qsort) {
   d.rpn_cls_pitch = 16;
   d.fmap_pitch = 15;
   d.rpn_bbox_pitch = 999;  // read by no stage
-  d.pre_nms_num = 300;
+  d.pre_nms_num = 200;
+  d.min_size = 120;
+  d.bbox_scale_factor = {0.5f, 2.0f, 0.25f, 1.5f};
   return d;
 }
 
-// The whole stage against the direct formulation, in every mode (mode 3: both flags, the difference wins), with and without the
-// threshold (truncated to half, strict), among signed zeros, negatives,
-// infinities, NaN and the threshold rounded and truncated, with some NaN
-// deltas, and with the box scale factors (threshold
-// 0.125). min_size drops many candidates and pre_nms_num 200
-// makes the refill run. 1 and 8 workers, both sort paths: both must
-// reproduce the stable order exactly.
+// The whole stage against the direct formulation, in every mode (mode 3:
+// both flags, the difference wins), with and without the threshold
+// (truncated to half, strict), among signed zeros, negatives, infinities, NaN
+// and the threshold rounded and truncated, with some NaN deltas, and with the
+// box scale factors (threshold 0.125). min_size drops many candidates and
+// pre_nms_num 200 makes the refill run. 1 and 8 workers, both sort paths:
+// both must reproduce the stable order exactly.
 TEST(proposal_stage, matches_direct_formulation) {
   const std::vector<float> anchors = ol_test::base_anchors_9();
   ol_test::rng stream(3);
@@ -370,9 +375,6 @@ TEST(proposal_stage, matches_direct_formulation) {
         d.rpn_cls_threshold = threshold;
         d.bbox_type = (mode + filter) % 2;
         d.is_apply_bbox_scale_factor = threshold == 0.125f;
-        d.bbox_scale_factor = {0.5f, 2.0f, 0.25f, 1.5f};
-        d.min_size = 120;
-        d.pre_nms_num = 200;
         ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 5 + mode);
         const uint16_t fixed[] = {0x8000, 0x0000, oh::from_float_trunc(threshold), oh::from_float_round(threshold)};
         for (uint16_t& v : f.cls) {
