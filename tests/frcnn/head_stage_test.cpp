@@ -113,8 +113,7 @@ TEST(FrcnnRcnnDecode, StageMatchesKernelForAnyThreadCount) {
     std::vector<uint16_t> nms_out, deltas(static_cast<size_t>(n) * pitch);
     for (uint32_t i = 0; i < n; ++i) {
       const float x = r.uniform(0, 600), y = r.uniform(0, 400);
-      const proposal p = box(x, y, x + r.uniform(10, 300), y + r.uniform(10, 300));
-      nms_out.insert(nms_out.end(), p.v, p.v + 4);
+      for (float v : {x, y, x + r.uniform(10, 300), y + r.uniform(10, 300)}) nms_out.push_back(h(v));
     }
     for (auto& d : deltas) d = h(r.uniform(-1, 1));
     for (int mode = 0; mode < 4; ++mode) {
