@@ -67,7 +67,8 @@ u32v written_part(u32v out, size_t written) {
 
 u32v walk(hist_fixture& fx, uint32_t n, bool restart) {
   u32v out(n + 8, 0xA5A5A5A5);
-  return written_part(out, ol::hist_walk(out.data(), n, &fx.t, restart));
+  const uint32_t written = ol::hist_walk(out.data(), n, &fx.t, restart);
+  return written_part(out, written);
 }
 
 // Walks everything in pieces of the given sizes (the last one repeated).
@@ -183,8 +184,9 @@ TEST(HistWalk, InconsistentBucketsReportAndStop) {
 // the context gives it.
 u32v sort_path(hist_fixture& fx, const u16v& s, uint32_t pre, bool use_qsort) {
   u32v out(s.size() + 4, 0xA5A5A5A5), scratch(s.size());
-  const uint32_t M = static_cast<uint32_t>(s.size());
-  return written_part(out, ol::rpn_sort(&fx.t, s.data(), pre, out.data(), M, use_qsort, scratch.data()));
+  const uint32_t written = ol::rpn_sort(&fx.t, s.data(), pre, out.data(), static_cast<uint32_t>(s.size()),
+                                        use_qsort, scratch.data());
+  return written_part(out, written);
 }
 
 // Random scores: ties (runs long enough to chain), both zeros, infinities,
