@@ -95,13 +95,11 @@ u32v iota_vec(uint32_t first, uint32_t count) {
 
 TEST(HistOrder, BuiltOrder) {
   const u16v want = expected_order();
-  u16v order(65536, 0);
-  ol::hist_build_order(order.data(), 65536);
-  EXPECT_EQ(order, want);
-  // Any other count goes through qsort with the total order, to the same order.
-  u16v part(65535, 0);
-  ol::hist_build_order(part.data(), 65535);
-  EXPECT_EQ(part, u16v(want.begin(), want.end() - 1));
+  for (uint32_t count : {65536u, 65535u}) {  // any other count goes through qsort, to the same order
+    u16v order(count, 0);
+    ol::hist_build_order(order.data(), count);
+    EXPECT_EQ(order, u16v(want.begin(), want.begin() + count));
+  }
 }
 
 TEST(HistInsert, ChainNodesFreeListAndReset) {
@@ -163,9 +161,8 @@ TEST(HistWalk, InconsistentBucketsReportAndStop) {
   insert(fx, {0x4000, 0x3C00});
   fx.t.num[0x4000] = 70;
   for (uint32_t i = 1; i < 64; ++i) fx.t.map[0x4000 * 64 + i] = 100 + i;
-  ol_test::stdout_capture cap;
-  EXPECT_EQ(walk(fx, 100, true).size(), 64u);
-  EXPECT_EQ(cap.end(), "hist_list [16384] head is NULL\n");
+  EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(walk(fx, 100, true).size(), 64u); }),
+            "hist_list [16384] head is NULL\n");
 
   // A chain one node short: the bucket is abandoned, the walk goes on.
   u16v s(64 + 20, 0x4000);
@@ -485,12 +482,11 @@ TEST(proposal_stage, debug_counts_and_empty_frames) {
     d.pre_nms_num = c.pre_nms;
     d.min_size = c.min_size;
     ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 2);
-    stdout_capture dump;
+    stdout_capture dump;  // the configuration printed at init
     handle h(d, ol_test::base_anchors_9());
     dump.end();
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_instance_frcnn_prenms(h.h, hp(f.cls), hp(f.bbox), nullptr), 0);
-    EXPECT_EQ(cap.end(), c.want);
+    const auto prenms = [&] { EXPECT_EQ(opt_layers_instance_frcnn_prenms(h.h, hp(f.cls), hp(f.bbox), nullptr), 0); };
+    EXPECT_EQ(ol_test::printed(prenms), c.want);
   }
 }
 
