@@ -1,6 +1,7 @@
 // Histogram tables set up the way init sets them up: zeroed bucket map,
 // lists, counts and occupancy bitmap, the visiting order built, K row nodes
-// pushed on the free list with their links cleared, then hist_reset.
+// pushed on the free list with their links cleared, then hist_reset. And the
+// ordering they must give, written out plainly.
 #ifndef OL_TESTS_FRCNN_HIST_FIXTURE_H
 #define OL_TESTS_FRCNN_HIST_FIXTURE_H
 
@@ -8,11 +9,35 @@
 #include <stdlib.h>
 
 #include <initializer_list>
+#include <vector>
 
 #include "common/alloc.h"
 #include "frcnn/hist_sort.h"
 
 namespace ol_test {
+
+// The visiting order written out plainly: +inf down to +0, -0 down to -inf,
+// then the NaN patterns by increasing pattern.
+inline std::vector<uint16_t> expected_order() {
+  std::vector<uint16_t> v;
+  for (int p = 0x7C00; p >= 0; --p) v.push_back(static_cast<uint16_t>(p));
+  for (int p = 0x8000; p <= 0xFC00; ++p) v.push_back(static_cast<uint16_t>(p));
+  for (int p = 0x7C01; p <= 0x7FFF; ++p) v.push_back(static_cast<uint16_t>(p));
+  for (int p = 0xFC01; p <= 0xFFFF; ++p) v.push_back(static_cast<uint16_t>(p));
+  return v;
+}
+
+// A plain walk over a visiting order: every visited position (all but the
+// last), every candidate of that pattern by increasing number.
+inline std::vector<uint32_t> ref_sorted(const std::vector<uint16_t>& s,
+                                        const std::vector<uint16_t>& order = expected_order()) {
+  std::vector<std::vector<uint32_t>> by_key(65536);
+  for (uint32_t i = 0; i < s.size(); ++i) by_key[s[i]].push_back(i);
+  std::vector<uint32_t> out;
+  for (uint32_t p = 0; p < 65535; ++p)
+    out.insert(out.end(), by_key[order[p]].begin(), by_key[order[p]].end());
+  return out;
+}
 
 class hist_fixture {
  public:
