@@ -8,6 +8,7 @@
 #include <stdint.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <initializer_list>
 #include <vector>
 
@@ -18,24 +19,28 @@ namespace ol_test {
 
 // The visiting order written out plainly: +inf down to +0, -0 down to -inf,
 // then the NaN patterns by increasing pattern.
-inline std::vector<uint16_t> expected_order() {
-  std::vector<uint16_t> v;
-  for (int p = 0x7C00; p >= 0; --p) v.push_back(static_cast<uint16_t>(p));
-  for (int p = 0x8000; p <= 0xFC00; ++p) v.push_back(static_cast<uint16_t>(p));
-  for (int p = 0x7C01; p <= 0x7FFF; ++p) v.push_back(static_cast<uint16_t>(p));
-  for (int p = 0xFC01; p <= 0xFFFF; ++p) v.push_back(static_cast<uint16_t>(p));
-  return v;
+inline const std::vector<uint16_t>& expected_order() {
+  static const std::vector<uint16_t> order = [] {
+    std::vector<uint16_t> v;
+    for (int p = 0x7C00; p >= 0; --p) v.push_back(static_cast<uint16_t>(p));
+    for (int p = 0x8000; p <= 0xFC00; ++p) v.push_back(static_cast<uint16_t>(p));
+    for (int p = 0x7C01; p <= 0x7FFF; ++p) v.push_back(static_cast<uint16_t>(p));
+    for (int p = 0xFC01; p <= 0xFFFF; ++p) v.push_back(static_cast<uint16_t>(p));
+    return v;
+  }();
+  return order;
 }
 
 // A plain walk over a visiting order: every visited position (all but the
 // last), every candidate of that pattern by increasing number.
 inline std::vector<uint32_t> ref_sorted(const std::vector<uint16_t>& s,
                                         const std::vector<uint16_t>& order = expected_order()) {
-  std::vector<std::vector<uint32_t>> by_key(65536);
-  for (uint32_t i = 0; i < s.size(); ++i) by_key[s[i]].push_back(i);
-  std::vector<uint32_t> out;
-  for (uint32_t p = 0; p < 65535; ++p)
-    out.insert(out.end(), by_key[order[p]].begin(), by_key[order[p]].end());
+  std::vector<uint32_t> position(65536), out;
+  for (uint32_t p = 0; p < 65536; ++p) position[order[p]] = p;
+  for (uint32_t i = 0; i < s.size(); ++i)
+    if (position[s[i]] < 65535) out.push_back(i);
+  std::stable_sort(out.begin(), out.end(),
+                   [&](uint32_t a, uint32_t b) { return position[s[a]] < position[s[b]]; });
   return out;
 }
 
