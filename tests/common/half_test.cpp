@@ -22,23 +22,16 @@ double half_magnitude(uint16_t h) {
 
 bool is_half_nan(uint16_t h) { return (h & 0x7C00) == 0x7C00 && (h & 0x3FF) != 0; }
 
-// Patterns 0 .. 0x7BFF are the finite magnitudes in increasing order.
-// Returns the largest pattern whose magnitude does not exceed a.
-uint16_t floor_pattern(double a) {
-  uint32_t lo = 0, hi = 0x7BFF;
-  while (lo < hi) {
-    const uint32_t mid = (lo + hi + 1) / 2;
-    if (half_magnitude(static_cast<uint16_t>(mid)) <= a) lo = mid; else hi = mid - 1;
-  }
-  return static_cast<uint16_t>(lo);
-}
-
 // The truncating (round false) or rounding conversion from the definition.
 uint16_t ref_half(float x, bool round) {
   const uint16_t sign = signbit(x) ? 0x8000 : 0;
   const double a = fabs(static_cast<double>(x));
   if (a >= 65536.0) return sign | 0x7C00;  // also infinity
-  const uint16_t lo = floor_pattern(a);
+  // Patterns 0 .. 0x7BFF are the finite magnitudes in increasing order: the
+  // largest whose magnitude does not exceed a.
+  uint16_t lo = 0;
+  for (uint16_t step = 0x4000; step > 0; step >>= 1)
+    if (lo + step <= 0x7BFF && half_magnitude(static_cast<uint16_t>(lo + step)) <= a) lo += step;
   // The step above the largest half (65504) leads to 65536, i.e. overflow
   // (0x7BFF + 1 is the infinity). The midpoint itself goes up (away from
   // zero); 2a and lo + hi are exact in double.

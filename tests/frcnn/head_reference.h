@@ -23,28 +23,21 @@ inline float clamp(float v, float limit) {
   return m > 0.0f ? m : 0.0f;
 }
 
-// One box from float deltas, the centre-size decode in double with two fused
+// One delta set (four halves; bbox_type 1 holds dy, dx, dh, dw) with the
+// optional factors: the centre-size decode in double with two fused
 // multiply-adds per edge, rounded to float once, then clipped.
-inline void decode_box(const uint16_t* proposal, float dx, float dy, float dw, float dh,
-                       uint32_t img_h, uint32_t img_w, float* out) {
-  for (int a = 0; a < 2; ++a) {  // x, then y
-    const float lo = to_float(proposal[a]), size = (to_float(proposal[a + 2]) - lo) + 1.0f;
-    const double d = (double)(a ? dy : dx) + 0.5, e = (double)expf(a ? dh : dw);
-    const float limit = (float)(a ? img_h : img_w);
-    out[a] = clamp((float)fma(fma(-0.5, e, d), (double)size, (double)lo), limit);
-    out[a + 2] = clamp((float)fma(fma(0.5, e, d), (double)size, (double)lo), limit);
-  }
-}
-
-// One delta set (four halves) by bbox_type 0 or 1, with optional factors.
 inline void decode_set(const uint16_t* proposal, const uint16_t* e, uint32_t img_h,
                        uint32_t img_w, uint32_t bbox_type, const float* scale, float* out) {
-  const int t = bbox_type == 0 ? 0 : 1;  // type 1 holds dy, dx, dh, dw
-  float dx = to_float(e[t]), dy = to_float(e[1 - t]), dw = to_float(e[2 + t]), dh = to_float(e[3 - t]);
-  if (scale) {
-    dx *= scale[0]; dy *= scale[1]; dw *= scale[2]; dh *= scale[3];
+  const int t = bbox_type == 0 ? 0 : 1;
+  for (int a = 0; a < 2; ++a) {  // x, then y
+    float d = to_float(e[a ^ t]), s = to_float(e[2 + (a ^ t)]);
+    if (scale) d *= scale[a], s *= scale[2 + a];
+    const float lo = to_float(proposal[a]), size = (to_float(proposal[a + 2]) - lo) + 1.0f;
+    const double c = (double)d + 0.5, ew = (double)expf(s);
+    const float limit = (float)(a ? img_h : img_w);
+    out[a] = clamp((float)fma(fma(-0.5, ew, c), (double)size, (double)lo), limit);
+    out[a + 2] = clamp((float)fma(fma(0.5, ew, c), (double)size, (double)lo), limit);
   }
-  decode_box(proposal, dx, dy, dw, dh, img_h, img_w, out);
 }
 
 // rcnn_bbox_decode for class_num >= 1: returns 0, or -1 for a bad type.
@@ -106,27 +99,17 @@ inline void class_nms(uint16_t* rcnn_result, uint16_t* class_dets, const float* 
         if (cands[order[q]].v[4] < cands[order[j]].v[4]) q = j;
       int32_t t = order[p]; order[p] = order[q]; order[q] = t;
     }
-    uint32_t pos = 0, count = 0;
-    int16_t remaining = (int16_t)n;
+    uint32_t count = 0;
     uint16_t* dets = class_dets + 5 * ((size_t)post_nms_num * c);
-    while (remaining > 0 && count < post_nms_num) {
-      int32_t h = order[pos];
+    for (uint32_t pos = 0; pos < n && count < post_nms_num; ++pos) {
+      const int32_t h = order[pos];
+      if (h == -1) continue;  // suppressed
       if (cands[h].v[4] <= cls_prob) break;
       memcpy(dets + 5 * count, cands[h].bits, 10);
       ++count;
-      if (remaining > 1) {
-        for (uint32_t j = pos + 1; j <= pos + remaining - 1; ++j) {
-          if (order[j] == -1) continue;
-          if (iou(cands[h], area[h], cands[order[j]], area[order[j]]) > post_nms_iou)
-            order[j] = -1;
-        }
-      }
-      ++pos;
-      --remaining;
-      while (remaining > 0 && order[pos] == -1) {
-        ++pos;
-        --remaining;
-      }
+      for (uint32_t j = pos + 1; j < n; ++j)
+        if (order[j] != -1 && iou(cands[h], area[h], cands[order[j]], area[order[j]]) > post_nms_iou)
+          order[j] = -1;
     }
     rcnn_result[c] = opt_layers_half::from_float_trunc((float)count);
   }

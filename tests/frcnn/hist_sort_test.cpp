@@ -1,9 +1,10 @@
+// The candidate ordering: the histogram tables and the resumable walk
+// against a plain walk over the visiting order, and both rpn_sort paths.
 #include "frcnn/hist_sort.h"
 
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <initializer_list>
 #include <numeric>
 #include <string>
 #include <utility>
@@ -19,35 +20,19 @@ using ol_test::hist_fixture;
 using u16v = std::vector<uint16_t>;
 using u32v = std::vector<uint32_t>;
 
-// The visiting order written out plainly: +inf down to +0, -0 down to -inf,
-// then the NaN patterns by increasing pattern.
-u16v expected_order() {
-  u16v v;
-  for (int p = 0x7C00; p >= 0; --p) v.push_back(static_cast<uint16_t>(p));
-  for (int p = 0x8000; p <= 0xFC00; ++p) v.push_back(static_cast<uint16_t>(p));
-  for (int p = 0x7C01; p <= 0x7FFF; ++p) v.push_back(static_cast<uint16_t>(p));
-  for (int p = 0xFC01; p <= 0xFFFF; ++p) v.push_back(static_cast<uint16_t>(p));
-  return v;
-}
-
-// A plain walk over a visiting order: every visited position (all but the
-// last), every candidate of that pattern by increasing number.
-u32v ref_sorted(const u16v& s, const u16v& order = expected_order()) {
-  std::vector<u32v> by_key(65536);
-  for (uint32_t i = 0; i < s.size(); ++i) by_key[s[i]].push_back(i);
-  u32v out;
-  for (uint32_t p = 0; p < 65535; ++p)
-    out.insert(out.end(), by_key[order[p]].begin(), by_key[order[p]].end());
+// The first `written` numbers of a buffer filled with 0xA5A5A5A5 beforehand:
+// nothing may be written past them.
+u32v written_part(u32v out, size_t written) {
+  const size_t n = std::min(out.size(), written);
+  EXPECT_EQ(u32v(out.begin() + n, out.end()), u32v(out.size() - n, 0xA5A5A5A5));
+  out.resize(n);
   return out;
 }
 
-// A walk into a poisoned buffer: nothing may be written past what it returns.
 u32v walk(hist_fixture& fx, uint32_t n, bool restart) {
-  u32v out(n + 8, 0xDEADBEEF);
-  const uint32_t got = ol::hist_walk(out.data(), n, &fx.t, restart);
-  EXPECT_EQ(u32v(out.begin() + got, out.end()), u32v(n + 8 - got, 0xDEADBEEF));
-  out.resize(got);
-  return out;
+  u32v out(n + 8, 0xA5A5A5A5);
+  const uint32_t written = ol::hist_walk(out.data(), n, &fx.t, restart);
+  return written_part(out, written);
 }
 
 // Walks everything in pieces of the given sizes (the last one repeated).
@@ -66,18 +51,6 @@ void insert(hist_fixture& fx, const u16v& s) {
   ASSERT_EQ(ol::hist_insert(&fx.t, s.data(), static_cast<uint32_t>(s.size())), 0);
 }
 
-template <class T>
-void shuffle(std::vector<T>& v, ol_test::rng& r) {
-  for (size_t i = v.size() - 1; i > 0; --i) std::swap(v[i], v[r.next() % (i + 1)]);
-}
-
-// Runs of equal scores: {count, pattern} pairs in order.
-u16v runs(std::initializer_list<std::pair<size_t, uint16_t>> parts) {
-  u16v s;
-  for (const auto& [n, key] : parts) s.insert(s.end(), n, key);
-  return s;
-}
-
 u32v iota_vec(uint32_t first, uint32_t count) {
   u32v v(count);
   std::iota(v.begin(), v.end(), first);
@@ -85,43 +58,32 @@ u32v iota_vec(uint32_t first, uint32_t count) {
 }
 
 TEST(HistOrder, BuiltOrder) {
-  const u16v want = expected_order();
-  u16v order(65536, 0);
-  ol::hist_build_order(order.data(), 65536);
-  EXPECT_EQ(order, want);
-  // Any other count goes through qsort with the total order, to the same order.
-  u16v part(65535, 0);
-  ol::hist_build_order(part.data(), 65535);
-  EXPECT_EQ(part, u16v(want.begin(), want.end() - 1));
+  const u16v want = ol_test::expected_order();
+  for (uint32_t count : {65536u, 65535u}) {  // any other count goes through qsort, to the same order
+    u16v order(count, 0);
+    ol::hist_build_order(order.data(), count);
+    EXPECT_EQ(order, u16v(want.begin(), want.begin() + count));
+  }
 }
 
 TEST(HistInsert, ChainNodesFreeListAndReset) {
-  // Counts at the edges of the 64-entry inline row and of the 510-slot nodes.
+  // Counts at the edges of the 64-entry inline row and of the 510-slot
+  // nodes, and a long run: 0, 1, 1, 2 and 3 chain nodes. In the first frame
+  // 3 come from the free list and 4 are allocated; reset gives all 7 back
+  // and the next frame takes all of them again (links cleared) without
+  // allocating.
   hist_fixture fx(3);
-  const uint16_t key = ol_test::h(0.5f);
-  for (const auto& [n, nodes] :
-       std::vector<std::pair<uint32_t, uint32_t>>{{64, 0}, {65, 1}, {574, 1}, {575, 2}}) {
-    insert(fx, u16v(n, key));
-    EXPECT_EQ(fx.chained_count(), nodes) << n;
-    if (nodes) {
-      ASSERT_EQ(fx.t.list[key].tail->next, nullptr) << n;  // links cleared
-    }
-    EXPECT_EQ(walk(fx, 1000, true), iota_vec(0, n)) << n;
-  }
-  ol::hist_reset(&fx.t);
-  ASSERT_EQ(fx.free_count(), 3u);
-
-  // Buckets needing 2, 1, 0 and 3 chain nodes: in the first frame 3 come
-  // from the free list and 3 are allocated; reset gives all 6 back and the
-  // next frame takes all of them again without allocating.
-  const u16v s = runs({{64 + 600, 0x3000}, {64 + 10, 0x2000}, {64, 0x1000}, {64 + 1100, 0xB000}});
+  const struct { uint16_t key; uint32_t count, nodes; } runs[] = {
+      {0x1000, 64, 0}, {0x2000, 65, 1}, {0x2800, 574, 1}, {0x3000, 575, 2}, {0xB000, 64 + 1100, 3}};
+  u16v s;
+  for (const auto& b : runs) s.insert(s.end(), b.count, b.key);
   for (int frame = 0; frame < 2; ++frame) {
     insert(fx, s);
     EXPECT_EQ(fx.free_count(), 0u);
-    EXPECT_EQ(fx.chained_count(), 6u);
-    EXPECT_EQ(walk(fx, 5000, true), ref_sorted(s));
+    for (const auto& b : runs) EXPECT_EQ(hist_fixture::length(fx.t.list[b.key].head), b.nodes) << b.key;
+    EXPECT_EQ(walk(fx, 5000, true), ol_test::ref_sorted(s));
     ol::hist_reset(&fx.t);
-    EXPECT_EQ(fx.free_count(), 6u);
+    EXPECT_EQ(fx.free_count(), 7u);
     for (uint32_t k = 0; k < 65536; ++k)
       ASSERT_TRUE(!fx.t.num[k] && !fx.t.list[k].head && !fx.t.list[k].tail && !fx.t.list[k].used &&
                   !fx.t.occupied[k / 64]) << k;
@@ -152,66 +114,9 @@ TEST(HistInsert, NodeAllocationFailureStopsInsertion) {
   // Each bucket fills its inline row and one node (574 entries, up to
   // candidate 1147); candidate 1148 needs a third node: it and all after it
   // are left out, and the counts say so.
-  EXPECT_EQ(walk(fx, 2000, true), ref_sorted(u16v(s.begin(), s.begin() + 1148)));
+  EXPECT_EQ(walk(fx, 2000, true), ol_test::ref_sorted(u16v(s.begin(), s.begin() + 1148)));
   ol::hist_reset(&fx.t);
   EXPECT_EQ(fx.free_count(), 2u);
-}
-
-TEST(HistWalk, ResumedWalksEqualOneWalk) {
-  // 1.0: 700 entries (inline row, a full node, a partial node); 0.5: 5;
-  // -2: 600; -4: 3000 (six nodes); shuffled.
-  hist_fixture fx;
-  ol_test::rng r(9);
-  u16v s = runs({{700, ol_test::h(1.0f)}, {5, ol_test::h(0.5f)}, {600, ol_test::h(-2.0f)},
-                 {3000, ol_test::h(-4.0f)}});
-  shuffle(s, r);
-  insert(fx, s);
-  const u32v one = ref_sorted(s);
-  ASSERT_EQ(walk(fx, 5000, true), one);
-  for (int round = 0; round < 200; ++round) {
-    const uint32_t hi = round % 4 ? 40 : 600;
-    ASSERT_EQ(walk_in_pieces(fx, {uint32_t(r.range(1, hi)), uint32_t(r.range(1, hi)), uint32_t(r.range(1, hi))}), one) << round;
-  }
-  // Splits at and next to the end of the inline row and of a full node, in
-  // each bucket; an exhausted walk stays exhausted.
-  for (uint32_t first : {63u, 64u, 65u, 573u, 574u, 575u, 700u, 705u, 768u, 769u, 770u, 1278u,
-                         1279u, 1280u, 1305u, 1369u, 1879u, 2389u, 4305u})
-    EXPECT_EQ(walk_in_pieces(fx, {first, 5000}), one) << first;
-  EXPECT_TRUE(walk(fx, 10, false).empty());
-  // A zero-length walk changes nothing.
-  walk(fx, 3, true);
-  EXPECT_TRUE(walk(fx, 0, false).empty());
-  EXPECT_EQ(walk(fx, 5, false), u32v(one.begin() + 3, one.begin() + 8));
-}
-
-TEST(HistWalk, RandomScoresAndVisitingOrders) {
-  // Ties, both zeros, infinities and NaNs. Every other round uses another
-  // visiting order (shuffled, a few entries swapped, that reversed): the
-  // empty-bucket skipping must not assume the built one.
-  hist_fixture fx(4);
-  ol_test::rng r(11);
-  const u16v pool = {0x0000, 0x8000, 0x7C00, 0xFC00, 0x7E00, 0xFFFF,
-                     0x7C01, 0x3C00, 0xBC00, 0x0001, 0x8001, 0x3555};
-  for (int round = 0; round < 36; ++round) {
-    u16v order = expected_order();
-    const int variant = round % 6;  // 0, 2, 4: the built order
-    if (variant == 1) shuffle(order, r);
-    if (variant == 3 || variant == 5)
-      for (int k = 0; k < 40; ++k) std::swap(order[r.next() % 65536], order[r.next() % 65536]);
-    if (variant == 5) std::reverse(order.begin(), order.end());
-    memcpy(fx.t.sort, order.data(), 65536 * 2);
-    u16v s(static_cast<size_t>(r.range(1, 3000)));
-    for (auto& v : s) {
-      const uint32_t pick = r.next() % 4;
-      v = pick == 0   ? pool[r.next() % pool.size()]
-          : pick == 1 ? static_cast<uint16_t>(r.next())
-                      : ol_test::h(r.uniform(0.0f, round % 4 < 2 ? 1.0f : 0.01f));
-    }
-    insert(fx, s);
-    const u32v ref = ref_sorted(s, order);
-    ASSERT_EQ(walk(fx, static_cast<uint32_t>(s.size()), true), ref) << round;
-    ASSERT_EQ(walk_in_pieces(fx, {static_cast<uint32_t>(r.range(1, 100)), 7}), ref) << round;
-  }
 }
 
 TEST(HistWalk, InconsistentBucketsReportAndStop) {
@@ -220,9 +125,8 @@ TEST(HistWalk, InconsistentBucketsReportAndStop) {
   insert(fx, {0x4000, 0x3C00});
   fx.t.num[0x4000] = 70;
   for (uint32_t i = 1; i < 64; ++i) fx.t.map[0x4000 * 64 + i] = 100 + i;
-  ol_test::stdout_capture cap;
-  EXPECT_EQ(walk(fx, 100, true).size(), 64u);
-  EXPECT_EQ(cap.end(), "hist_list [16384] head is NULL\n");
+  EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(walk(fx, 100, true).size(), 64u); }),
+            "hist_list [16384] head is NULL\n");
 
   // A chain one node short: the bucket is abandoned, the walk goes on.
   u16v s(64 + 20, 0x4000);
@@ -237,47 +141,54 @@ TEST(HistWalk, InconsistentBucketsReportAndStop) {
   EXPECT_EQ(got.back(), 84u);
 }
 
-// rpn_sort into a poisoned buffer: the histogram path writes min(M, pre)
-// entries, the comparison path M.
-// The comparison path runs on scratch as the context gives it.
+// rpn_sort into a poisoned buffer; the comparison path runs on scratch as
+// the context gives it.
 u32v sort_path(hist_fixture& fx, const u16v& s, uint32_t pre, bool use_qsort) {
   u32v out(s.size() + 4, 0xA5A5A5A5), scratch(s.size());
   const uint32_t written = ol::rpn_sort(&fx.t, s.data(), pre, out.data(), static_cast<uint32_t>(s.size()),
                                         use_qsort, scratch.data());
-  const size_t n = use_qsort ? s.size() : std::min<size_t>(s.size(), pre);
-  EXPECT_EQ(written, n);
-  EXPECT_EQ(u32v(out.begin() + n, out.end()), u32v(out.size() - n, 0xA5A5A5A5));
-  out.resize(n);
-  return out;
+  return written_part(out, written);
 }
 
-TEST(RpnSort, HistogramIsStableComparisonDescends) {
-  // Distinct non-NaN patterns (one zero only): halves in (0, 1), or any;
-  // and few values with many ties and both zeros.
+// Random scores: ties (runs long enough to chain), both zeros, infinities,
+// NaNs, halves in (0, 1) or near 0, any pattern. Every other round uses
+// another visiting order (shuffled, a few entries swapped, that reversed):
+// the empty-bucket skipping must not assume the built one. The histogram
+// path gives the best min(M, pre_nms_num) in visiting order, and a walk
+// resumed in pieces from the top all of them; the comparison path gives a
+// stable sort by descending score (+0 equal to -0), with NaN scores present
+// (one round in three) still a permutation.
+TEST(RpnSort, BothPathsOnRandomScores) {
   hist_fixture fx(10);
-  ol_test::rng r(21);
-  for (int round = 0; round < 24; ++round) {
-    const int mode = round % 3;
-    u16v s;
-    if (mode < 2) {
-      for (uint32_t p = 0; p < 65536; ++p)
-        if ((p & 0x7FFF) <= 0x7C00 && p != 0x8000 && (mode == 1 || p <= 0x3C00)) s.push_back(p);
-      shuffle(s, r);
-      s.resize(std::min<size_t>(s.size(), r.range(1, mode ? 20000 : 12000)));
-    } else {
-      for (int i = 0; i < 21546; ++i)
-        s.push_back(ol_test::h(0.125f * static_cast<float>(r.next() % 9) - 0.5f));
-      for (int k = 0; k < 50; ++k) s[r.next() % s.size()] = k % 2 ? 0x8000 : 0x0000;
-      for (int k = 0; round % 6 == 5 && k < 50; ++k) s[r.next() % s.size()] = 0x7E00;  // NaN
+  ol_test::rng r(11);
+  const u16v pool = {0x0000, 0x8000, 0x7C00, 0xFC00, 0x7E00, 0xFFFF,
+                     0x7C01, 0x3C00, 0xBC00, 0x0001, 0x8001, 0x3555};
+  for (int round = 0; round < 48; ++round) {
+    u16v order = ol_test::expected_order();
+    const int variant = round % 6;  // 0, 2, 4: the built order
+    if (variant == 1)  // shuffled
+      for (size_t i = order.size() - 1; i > 0; --i) std::swap(order[i], order[r.next() % (i + 1)]);
+    if (variant == 3 || variant == 5)
+      for (int k = 0; k < 40; ++k) std::swap(order[r.next() % 65536], order[r.next() % 65536]);
+    if (variant == 5) std::reverse(order.begin(), order.end());
+    memcpy(fx.t.sort, order.data(), 65536 * 2);
+    u16v s(static_cast<size_t>(r.range(1, round % 8 == 7 ? 20000 : 3000)));
+    const bool nan = round % 3 == 0;
+    for (auto& v : s) {
+      const uint32_t pick = r.next() % 4;
+      v = pick == 0   ? pool[r.next() % pool.size()]
+          : pick == 1 ? static_cast<uint16_t>(r.next())
+          : pick == 2 ? ol_test::h(0.125f * static_cast<float>(r.next() % 9) - 0.5f)
+                      : ol_test::h(r.uniform(0.0f, round % 4 < 2 ? 1.0f : 0.01f));
+      if (!nan && (v & 0x7FFF) > 0x7C00) v &= 0xFC00;  // a NaN becomes the infinity of its sign
     }
-    const uint32_t pre = mode < 2 ? static_cast<uint32_t>(r.range(1, 7000)) : 6000;
-    const u32v ref = ref_sorted(s);
-    const u32v hist = sort_path(fx, s, pre, false);
-    ASSERT_EQ(hist, u32v(ref.begin(), ref.begin() + hist.size())) << round;
-    // The comparison path: a stable sort by descending score (+0 equal to
-    // -0); with NaN scores present, still a permutation.
+    const uint32_t pre = static_cast<uint32_t>(r.range(1, 7000));
+    const u32v ref = ol_test::ref_sorted(s, order);
+    const u32v top(ref.begin(), ref.begin() + std::min<size_t>(ref.size(), pre));
+    ASSERT_EQ(sort_path(fx, s, pre, false), top) << round;
+    ASSERT_EQ(walk_in_pieces(fx, {static_cast<uint32_t>(r.range(1, 100)), 7}), ref) << round;
     u32v q = sort_path(fx, s, pre, true), want = iota_vec(0, static_cast<uint32_t>(s.size()));
-    if (round % 6 == 5) {
+    if (nan) {
       std::sort(q.begin(), q.end());
     } else {
       std::stable_sort(want.begin(), want.end(), [&](uint32_t x, uint32_t y) { return ol_test::f(s[x]) > ol_test::f(s[y]); });
@@ -297,7 +208,9 @@ TEST(RpnSort, BlankFrameZeroCountsAndResume) {
 
   const u16v s3 = {0x3C00, 0x3800, 0x3C00};
   EXPECT_EQ(sort_path(fx, s3, 2, false), (u32v{0, 2}));
-  // No candidates: nothing written, tables and cursor unchanged.
+  // A zero-length walk, and no candidates: nothing written, tables and
+  // cursor unchanged.
+  EXPECT_TRUE(walk(fx, 0, false).empty());
   u32v out(8, 0x5A5A5A5A);
   ol::rpn_sort(&fx.t, s3.data(), 2, out.data(), 0, false);
   ol::rpn_sort(&fx.t, s3.data(), 2, out.data(), 0, true);

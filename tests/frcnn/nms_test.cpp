@@ -2,11 +2,11 @@
 #include "frcnn/nms.h"
 
 #include <gtest/gtest.h>
-#include <math.h>
 #include <stdlib.h>
 
 #include <algorithm>
 #include <array>
+#include <utility>
 #include <vector>
 
 #include "common/alloc.h"
@@ -91,11 +91,10 @@ int call_nms_no_heap(uint16_t* out, uint16_t* in, int count, float thr, int max_
   return r;
 }
 
-// Output has exactly max_out records (plus nothing): ASan sees overruns; the
-// records past the result must stay poisoned.
+// Output has exactly max_out records (one when max_out is not positive): ASan
+// sees overruns; the records past the result must stay poisoned.
 void expect_like_twin(nms_fn fn, std::vector<uint16_t>& in, int count, float thr, int max_out) {
-  std::vector<uint16_t> want(static_cast<size_t>(max_out) * 4, k_poison);
-  std::vector<uint16_t> got(static_cast<size_t>(max_out) * 4, k_poison);
+  std::vector<uint16_t> want(4 * static_cast<size_t>(std::max(max_out, 1)), k_poison), got = want;
   const int nw = ol_ref::nms_ref(want.data(), in.data(), count, thr, max_out);
   const int ng = fn(got.data(), in.data(), count, thr, max_out);
   ASSERT_EQ(nw, ng) << "count " << count << " thr " << thr << " max_out " << max_out;
@@ -123,84 +122,27 @@ TEST(Nms, MatchesTwinOnRandomSets) {
   }
 }
 
-// Number of boxes kept; the same on all three paths (the scratch-free one
-// reached through 700 extra disjoint boxes, too many for the stack scratch,
-// and a refusing heap).
-int kept(const std::vector<float>& boxes, float thr) {
-  std::vector<uint16_t> in;
-  for (size_t i = 0; i < boxes.size(); i += 4) {
-    for (size_t k = 0; k < 4; ++k) in.push_back(h(boxes[i + k]));
-    in.push_back(h(0.5f));
-  }
-  const int n = static_cast<int>(in.size() / 5), pad = 700;
-  std::vector<uint16_t> out(static_cast<size_t>(n + pad) * 4);
-  const int on_stack = call_nms(out.data(), in.data(), n, thr, n);
-  EXPECT_EQ(on_stack, call_kernel(out.data(), in.data(), n, thr, n));
-  for (int i = 0; i < pad; ++i) {
-    const float x = 1000.0f + 20.0f * i;
-    const float rec[5] = {x, 0, x + 9, 9, 0.5f};
-    for (float v : rec) in.push_back(h(v));
-  }
-  EXPECT_EQ(on_stack + pad, call_nms_no_heap(out.data(), in.data(), n + pad, thr, n + pad));
-  return on_stack;
-}
-
-TEST(Nms, InclusiveSizesAndStrictTest) {
-  const std::vector<float> same = {0, 0, 10, 10, 0, 0, 10, 10};
-  const std::vector<float> column = {0, 0, 10, 10, 10, 0, 20, 10};  // one shared column: w = 1
-  const std::vector<float> right = {0, 0, 10, 10, 11, 0, 20, 10};   // w = 0
-  const std::vector<float> below = {0, 0, 10, 10, 0, 11, 10, 20};   // h = 0
-  const struct {
-    const std::vector<float>& boxes;
-    float thr;
-    int kept;
-  } cases[] = {
-      // Identical boxes: IoU 1 is above 0.7 but not above 1.0.
-      {same, 0.7f, 1}, {same, 1.0f, 2},
-      // Any positive overlap beats threshold 0. IoU = 11 / (121 + 121 - 11).
-      {column, 0.0f, 1}, {column, 11.0f / 231.0f - 1e-4f, 1}, {column, 11.0f / 231.0f + 1e-4f, 2},
-      // No overlap even at threshold 0.
-      {right, 0.0f, 2}, {below, 0.0f, 2},
-      // A negative threshold suppresses anything with w > 0 and h > 0, but
-      // the w <= 0 and h <= 0 checks still keep touching boxes.
-      {column, -1.0f, 1}, {right, -1.0f, 2}, {below, -1.0f, 2},
-      // A NaN threshold suppresses nothing.
-      {same, NAN, 2}};
-  for (const auto& c : cases) EXPECT_EQ(c.kept, kept(c.boxes, c.thr)) << c.boxes[4] << " " << c.thr;
-}
-
+// Nothing kept, nothing written. 40000 is negative as a 16-bit count;
+// -40000 has low 16 bits that read as a positive count (found by fuzzing:
+// boxes never given were written).
 TEST(Nms, EmptyCallsWriteNothing) {
   std::vector<uint16_t> in(10, h(5.0f));
-  // 40000 is negative as a 16-bit count; -40000 has low 16 bits that read as
-  // a positive count (found by fuzzing: boxes never given were written).
   const int cases[][2] = {{0, 4},      {-1, 4},    {2, 0},      {2, -5},
                           {-70000, 4}, {40000, 4}, {-40000, 4}, {INT32_MIN, 4}};
-  for (const auto& c : cases) {
-    std::vector<uint16_t> out(16, k_poison);
-    EXPECT_EQ(0, call_nms(out.data(), in.data(), c[0], 0.5f, c[1]));
-    EXPECT_EQ(0, call_kernel(out.data(), in.data(), c[0], 0.5f, c[1]));
-    EXPECT_EQ(out, std::vector<uint16_t>(16, k_poison));
-  }
-}
-
-// Counts beyond 32767 are taken as signed 16-bit: 65536 + 600 examines
-// 600. Buffers are exactly the given size, so reads past them would show
-// under ASan.
-TEST(Nms, CountsBeyondSixteenBits) {
-  ol_test::rng rng(13);
-  std::vector<uint16_t> in = make_boxes(rng, 65536 + 600, 50, false);
-  expect_like_twin(call_nms, in, 65536 + 600, 0.7f, 300);
-  expect_like_twin(call_kernel, in, 65536 + 600, 0.7f, 300);
-  EXPECT_EQ(ol::nms_scratch_bytes(32767), ol::nms_scratch_bytes(40000));
+  for (const auto& c : cases)
+    for (nms_fn fn : {call_nms, call_kernel}) expect_like_twin(fn, in, c[0], 0.5f, c[1]);
 }
 
 // nms from a thread with a 128 KiB stack, up to the largest count: small
 // lists use no heap, larger ones one block of nms_scratch_bytes(count) per
-// call, and with the heap refusing it the same result comes out.
-TEST(Nms, StackHeapAndScratchFreePathsOnASmallThreadStack) {
+// call, and with the heap refusing it the same result comes out. Counts
+// beyond 32767 are taken as signed 16-bit: 65536 + 1200 examines 1200. The
+// input is exactly the given size, so reads past it would show under ASan.
+TEST(Nms, LargeCountsOnASmallThreadStack) {
   ol_test::rng rng(17);
-  std::vector<uint16_t> in = make_boxes(rng, 32767, 300, true);
-  for (auto c : {std::make_pair(509, false), std::make_pair(32767, false), std::make_pair(32767, true)}) {
+  std::vector<uint16_t> in = make_boxes(rng, 65536 + 1200, 300, true);
+  for (auto c : {std::make_pair(509, false), std::make_pair(32767, false), std::make_pair(32767, true),
+                 std::make_pair(65536 + 1200, false)}) {
     alloc_log log{c.second};
     const ol::alloc_hooks hooks = {log_alloc, &log};
     std::vector<uint16_t> got(400 * 4, k_poison), want(400 * 4, k_poison);
@@ -212,9 +154,12 @@ TEST(Nms, StackHeapAndScratchFreePathsOnASmallThreadStack) {
     });
     ASSERT_EQ(ol_ref::nms_ref(want.data(), in.data(), c.first, 0.7f, 400), kept);
     EXPECT_EQ(want, got);
-    EXPECT_EQ(c.first > 509 ? 1 : 0, log.calls) << c.first;
-    EXPECT_EQ(log.calls ? ol::nms_scratch_bytes(c.first) : 0, log.bytes);
+    const int n = static_cast<int16_t>(c.first);
+    EXPECT_EQ(n > 509 ? 1 : 0, log.calls) << c.first;
+    EXPECT_EQ(log.calls ? ol::nms_scratch_bytes(n) : 0, log.bytes);
   }
+  expect_like_twin(call_kernel, in, 65536 + 1200, 0.7f, 300);
+  EXPECT_EQ(ol::nms_scratch_bytes(32767), ol::nms_scratch_bytes(40000));
 }
 
 }  // namespace

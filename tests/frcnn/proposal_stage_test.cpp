@@ -8,63 +8,54 @@
 #include <algorithm>
 #include <array>
 #include <functional>
+#include <vector>
 
 #include "common/cpu.h"
 #include "common/frame_gen.h"
 #include "common/test_util.h"
 #include "frcnn/context.h"
-#include "frcnn/rpn_stage.h"
+#include "frcnn/hist_fixture.h"
 
 namespace {
 
 using ol_test::hp;
 using ol_test::stdout_capture;
+using u16v = std::vector<uint16_t>;
+using u32v = std::vector<uint32_t>;
 namespace oh = opt_layers_half;
 
-struct candidate {
-  uint16_t score;
-  uint32_t position;
-};
-
-// Scores of every position, in position order, as the three modes define them.
-std::vector<candidate> reference_candidates(const frcnn_desc& d, const std::vector<uint16_t>& cls) {
+// The stage written directly: every position's score as the three modes
+// define it, the candidates (with the filter, scores above the threshold
+// truncated to half) ordered best first by the plain walk (equal values by
+// position, +0 before -0), each decoded in turn and the first
+// min(pre_nms_num, survivors) kept.
+std::vector<uint16_t> reference_proposals(const frcnn_desc& d, const std::vector<float>& base,
+                                          const ol_test::rpn_frame& f) {
   const uint32_t A = d.anchor_num, H = d.fmap_h, W = d.fmap_w;
-  const size_t plane = static_cast<size_t>(H) * d.rpn_cls_pitch;
+  const size_t cls_plane = static_cast<size_t>(H) * d.rpn_cls_pitch;
   const uint16_t T = oh::from_float_trunc(d.rpn_cls_threshold);
-  std::vector<candidate> out;
+  u16v scores;
+  u32v positions;
   for (uint32_t a = 0; a < A; ++a)
     for (uint32_t y = 0; y < H; ++y)
       for (uint32_t x = 0; x < W; ++x) {
         const size_t at = static_cast<size_t>(y) * d.rpn_cls_pitch + x;
         const uint16_t s =
             d.is_rpn_cls_fg_minus_bg
-                ? oh::from_float_trunc(oh::to_float(cls[(2 * a + 1) * plane + at]) -
-                                       oh::to_float(cls[2 * a * plane + at]))
-                : cls[(d.is_rpn_cls_fg_only ? a : A + a) * plane + at];
-        if (!d.is_filter_rpn_cls || oh::to_float(s) > oh::to_float(T))
-          out.push_back({s, (a * H + y) * W + x});
+                ? oh::from_float_trunc(oh::to_float(f.cls[(2 * a + 1) * cls_plane + at]) -
+                                       oh::to_float(f.cls[2 * a * cls_plane + at]))
+                : f.cls[(d.is_rpn_cls_fg_only ? a : A + a) * cls_plane + at];
+        if (!d.is_filter_rpn_cls || oh::to_float(s) > oh::to_float(T)) {
+          scores.push_back(s);
+          positions.push_back((a * H + y) * W + x);
+        }
       }
-  return out;
-}
-
-// Orders the candidates best first (equal values by position, +0 before -0:
-// the histogram order), decodes every one and keeps the first
-// min(pre_nms_num, survivors).
-std::vector<uint16_t> reference_proposals(const frcnn_desc& d, const std::vector<float>& base,
-                                          const ol_test::rpn_frame& f) {
-  std::vector<candidate> c = reference_candidates(d, f.cls);
-  std::stable_sort(c.begin(), c.end(), [](const candidate& a, const candidate& b) {
-    const float fa = oh::to_float(a.score), fb = oh::to_float(b.score);
-    if (fa != fb) return fa > fb;
-    return a.score == 0x0000 && b.score == 0x8000;
-  });
-  const uint32_t H = d.fmap_h, W = d.fmap_w;
   const size_t plane = static_cast<size_t>(H) * d.fmap_pitch;
-  const size_t n = std::min<size_t>(c.size(), d.pre_nms_num);
+  const size_t n = std::min<size_t>(scores.size(), d.pre_nms_num);
   std::vector<uint16_t> out;
-  for (const candidate& k : c) {
+  for (uint32_t i : ol_test::ref_sorted(scores)) {
     if (out.size() / 5 == n) break;
-    const uint32_t a = k.position / (H * W), y = k.position % (H * W) / W, x = k.position % W;
+    const uint32_t a = positions[i] / (H * W), y = positions[i] % (H * W) / W, x = positions[i] % W;
     const float sx = static_cast<float>(x * d.fmap_scale), sy = static_cast<float>(y * d.fmap_scale);
     const float ax1 = base[4 * a] + sx, ay1 = base[4 * a + 1] + sy;
     const float ax2 = base[4 * a + 2] + sx, ay2 = base[4 * a + 3] + sy;
@@ -91,7 +82,7 @@ std::vector<uint16_t> reference_proposals(const frcnn_desc& d, const std::vector
       v = v > 0 ? v : 0;
       out.push_back(oh::from_float_round(v));
     }
-    out.push_back(k.score);
+    out.push_back(scores[i]);
   }
   return out;
 }
@@ -110,6 +101,9 @@ std::vector<uint16_t> run_prenms(void* h, ol_test::rpn_frame& f) {
   return std::vector<uint16_t>(p, p + 5 * k);
 }
 
+// A small first stage: 9 anchors over 11 x 13 positions (score and delta rows
+// at different pitches), 200 proposals kept, min_size 120, box factors set
+// (applied where a test turns them on).
 frcnn_desc small_config(uint8_t threads, bool qsort) {
   frcnn_desc d = ol_test::mobile_desc(threads, qsort);
   d.fmap_h = 11;
@@ -117,30 +111,19 @@ frcnn_desc small_config(uint8_t threads, bool qsort) {
   d.rpn_cls_pitch = 16;
   d.fmap_pitch = 15;
   d.rpn_bbox_pitch = 999;  // read by no stage
-  d.pre_nms_num = 300;
+  d.pre_nms_num = 200;
+  d.min_size = 120;
+  d.bbox_scale_factor = {0.5f, 2.0f, 0.25f, 1.5f};
   return d;
 }
 
-// One anchor over a single row of `width` positions.
-frcnn_desc one_row_config(bool qsort, uint32_t width, uint32_t pre_nms, float min_size) {
-  frcnn_desc d = small_config(2, qsort);
-  d.anchor_num = 1;
-  d.fmap_h = 1;
-  d.fmap_w = width;
-  d.rpn_cls_pitch = d.fmap_pitch = width;
-  d.pre_nms_num = pre_nms;
-  d.min_size = min_size;
-  return d;
-}
-
-// The candidate list and the whole stage against the direct formulation, in
-// every mode (mode 3: both flags, the difference wins), with and without the
-// threshold (truncated to half, strict), among signed zeros, negatives,
-// infinities, NaN and the threshold rounded and truncated (or all-distinct
-// scores), with some NaN deltas, and with the box scale factors (threshold
-// 0.125). min_size drops many candidates and pre_nms_num 200
-// makes the refill run. 1 and 8 workers, both sort paths: both must
-// reproduce the stable order exactly.
+// The whole stage against the direct formulation, in every mode (mode 3:
+// both flags, the difference wins), with and without the threshold
+// (truncated to half, strict), among signed zeros, negatives, infinities, NaN
+// and the threshold rounded and truncated, with some NaN deltas, and with the
+// box scale factors (threshold 0.125). min_size drops many candidates and
+// pre_nms_num 200 makes the refill run. 1 and 8 workers, both sort paths:
+// both must reproduce the stable order exactly.
 TEST(proposal_stage, matches_direct_formulation) {
   const std::vector<float> anchors = ol_test::base_anchors_9();
   ol_test::rng stream(3);
@@ -156,38 +139,20 @@ TEST(proposal_stage, matches_direct_formulation) {
         d.rpn_cls_threshold = threshold;
         d.bbox_type = (mode + filter) % 2;
         d.is_apply_bbox_scale_factor = threshold == 0.125f;
-        d.bbox_scale_factor = {0.5f, 2.0f, 0.25f, 1.5f};
-        d.min_size = 120;
-        d.pre_nms_num = 200;
         ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 5 + mode);
-        const size_t plane = static_cast<size_t>(d.fmap_h) * d.rpn_cls_pitch;
-        if (mode == 0 && filter == 0 && threshold == 0.0f) {
-          // Every foreground score a distinct half, shuffled.
-          std::vector<uint16_t> values;
-          for (uint32_t i = 0; i < d.anchor_num * d.fmap_h * d.fmap_w; ++i)
-            values.push_back(static_cast<uint16_t>(0x2000 + i));
-          for (size_t i = values.size(); i > 1; --i) std::swap(values[i - 1], values[r.next() % i]);
-          const uint32_t W = d.fmap_w, HW = d.fmap_h * W;
-          for (uint32_t i = 0; i < values.size(); ++i)
-            f.cls[(d.anchor_num + i / HW) * plane + i % HW / W * d.rpn_cls_pitch + i % W] = values[i];
-        } else {
-          for (uint16_t& v : f.cls) {
-            const uint32_t pick = r.next() % 10;
-            if (v == 0x7E00) continue;  // padding
-            if (pick == 0) v = 0x8000;
-            if (pick == 1) v = 0x0000;
-            if (pick == 2) v = oh::from_float_trunc(threshold);
-            if (pick == 3) v = oh::from_float_round(-r.uniform(0, 1));
-            if (pick == 4) v = oh::from_float_round(threshold);
-            if (pick == 5 && r.next() % 8 == 0)  // infinities (of the difference, too)
-              v = (r.next() % 2 ? 0x8000 : 0) | (d.is_rpn_cls_fg_minus_bg ? 0x7B53 : 0x7C00);
-            if (pick == 6 && filter) v = r.next() % 2 ? 0x7E00 : 0xFE00;  // never candidates
-          }
+        const uint16_t fixed[] = {0x8000, 0x0000, oh::from_float_trunc(threshold), oh::from_float_round(threshold)};
+        for (uint16_t& v : f.cls) {
+          const uint32_t pick = r.next() % 10;
+          if (v == 0x7E00) continue;  // padding
+          if (pick < 4) v = fixed[pick];
+          if (pick == 4) v = oh::from_float_round(-r.uniform(0, 1));
+          if (pick == 5 && r.next() % 8 == 0)  // infinities (of the difference, too)
+            v = (r.next() % 2 ? 0x8000 : 0) | (d.is_rpn_cls_fg_minus_bg ? 0x7B53 : 0x7C00);
+          if (pick == 6 && filter) v = r.next() % 2 ? 0x7E00 : 0xFE00;  // never candidates
         }
         for (uint16_t& v : f.bbox)  // a NaN dw or dh is kept, a NaN edge clips to L - 1
           if (r.next() % 64 == 0) v = 0x7E00;
         SCOPED_TRACE(testing::Message() << mode << " " << filter << " " << threshold);
-        const std::vector<candidate> cands = reference_candidates(d, f.cls);
         const std::vector<uint16_t> want = reference_proposals(d, anchors, f);
         ASSERT_GT(want.size(), 25u);
         for (uint8_t threads : {1, 8})
@@ -197,36 +162,9 @@ TEST(proposal_stage, matches_direct_formulation) {
             d.is_use_qsort = qsort;
             handle h(d, anchors);
             ASSERT_NE(h.h, nullptr);
-            const uint32_t M =
-                ol::rpn_score_filter(h.ctx(), f.cls.data(), oh::from_float_trunc(threshold));
-            ASSERT_EQ(M, cands.size());
-            for (uint32_t i = 0; i < M; ++i) {
-              ASSERT_EQ(h.ctx()->rpn_cls_nopitch[i], cands[i].score) << i;
-              ASSERT_EQ(h.ctx()->order_rpn_index[i], cands[i].position) << i;
-            }
             EXPECT_EQ(run_prenms(h.h, f), want) << int(threads) << " " << int(qsort);
           }
       }
-}
-
-// n = 3 of M = 10 candidates, on both sort paths: the second best decodes
-// to a tiny box and is replaced by the fourth; with every candidate dropped
-// nothing is left.
-TEST(proposal_stage, refill_replaces_dropped_candidates) {
-  for (bool qsort : {false, true}) {
-    handle h(one_row_config(qsort, 10, 3, 16), {0, 0, 31, 31});
-    std::vector<uint16_t> cls(20, 0), bbox(40, 0);
-    for (int x = 0; x < 10; ++x) cls[10 + x] = oh::from_float_round(0.9f - 0.05f * x);
-    bbox[20 + 1] = oh::from_float_round(-3.0f);  // dw of x = 1: width 32 * e^-3 < 15
-    ol_test::rpn_frame f{cls, bbox};
-    const std::vector<uint16_t> p = run_prenms(h.h, f);
-    ASSERT_EQ(p.size(), 15u);
-    EXPECT_EQ(p[4], cls[10]);
-    EXPECT_EQ(p[9], cls[12]);
-    EXPECT_EQ(p[14], cls[13]);
-    for (int x = 0; x < 10; ++x) f.bbox[20 + x] = oh::from_float_round(-5.0f);
-    EXPECT_EQ(run_prenms(h.h, f).size(), 0u);
-  }
 }
 
 // Unfiltered scores on the histogram path: the pattern 0xFFFF sits in the
@@ -234,7 +172,11 @@ TEST(proposal_stage, refill_replaces_dropped_candidates) {
 // Only those are decoded: no duplicate of a stale order entry (zeros after
 // init, the previous frame's numbers after that).
 TEST(proposal_stage, never_visited_bucket_gives_no_stale_proposal) {
-  frcnn_desc d = one_row_config(false, 2, 4, 0);
+  frcnn_desc d = small_config(2, false);  // one anchor over two positions
+  d.anchor_num = d.fmap_h = 1;
+  d.fmap_w = d.rpn_cls_pitch = d.fmap_pitch = 2;
+  d.pre_nms_num = 4;
+  d.min_size = 0;
   d.is_filter_rpn_cls = 0;
   handle h(d, {0, 0, 15, 15});
   ol_test::rpn_frame f{std::vector<uint16_t>(4, 0), std::vector<uint16_t>(8, 0)};
@@ -288,26 +230,28 @@ TEST(proposal_stage, failures_print_their_messages_and_release_the_lock) {
   }
 }
 
-// Debug counts (only with is_debug), for a threshold above every score
-// and for pre_nms_num 0 (every position a candidate, none decoded).
+// Debug counts (only with is_debug), for a threshold above every score, for
+// pre_nms_num 0 (every position a candidate, none decoded) and for a
+// min_size no box reaches (every candidate dropped, the refill runs dry).
 TEST(proposal_stage, debug_counts_and_empty_frames) {
-  const struct { bool debug, filter; uint32_t pre_nms; const char* want; } cases[] = {
-      {true, true, 300, "Total_RPN_Score Num: 0 before sorting\nTotal_RoI Num: 0 before nms\n"},
-      {false, true, 300, ""},
-      {true, false, 0, "Total_RPN_Score Num: 1287 before sorting\nTotal_RoI Num: 0 before nms\n"}};
+  const struct { bool debug, filter; uint32_t pre_nms, min_size; const char* want; } cases[] = {
+      {true, true, 300, 16, "Total_RPN_Score Num: 0 before sorting\nTotal_RoI Num: 0 before nms\n"},
+      {false, true, 300, 16, ""},
+      {true, false, 0, 16, "Total_RPN_Score Num: 1287 before sorting\nTotal_RoI Num: 0 before nms\n"},
+      {true, false, 300, 5000, "Total_RPN_Score Num: 1287 before sorting\nTotal_RoI Num: 0 before nms\n"}};
   for (const auto& c : cases) {
     frcnn_desc d = small_config(1, false);
     d.is_debug = c.debug;
     d.is_filter_rpn_cls = c.filter;
     d.rpn_cls_threshold = 2.0f;
     d.pre_nms_num = c.pre_nms;
+    d.min_size = c.min_size;
     ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 2);
-    stdout_capture dump;
+    stdout_capture dump;  // the configuration printed at init
     handle h(d, ol_test::base_anchors_9());
     dump.end();
-    stdout_capture cap;
-    EXPECT_EQ(opt_layers_instance_frcnn_prenms(h.h, hp(f.cls), hp(f.bbox), nullptr), 0);
-    EXPECT_EQ(cap.end(), c.want);
+    const auto prenms = [&] { EXPECT_EQ(opt_layers_instance_frcnn_prenms(h.h, hp(f.cls), hp(f.bbox), nullptr), 0); };
+    EXPECT_EQ(ol_test::printed(prenms), c.want);
   }
 }
 

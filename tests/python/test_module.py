@@ -49,16 +49,26 @@ def test_version():
                                 description="Norvantix Faster RCNN Library")
 
 
-def test_pipeline_stages_agree_with_operators():
-    d = small_desc()
-    f = frame(d)
+def test_pipeline_agrees_with_operators_and_on_threads_and_releases_its_workers():
+    d = small_desc(thread_num=3)
+    before = n_threads()
+    p = ol.Pipeline(d, ANCHORS)
+    assert n_threads() == before + 3
+    del p  # released by the garbage collector
+    gc.collect()
+    assert n_threads() == before
+    frames = [frame(d, seed) for seed in range(4)]
+    f = frames[0]
     with ol.Pipeline(d, ANCHORS) as p:
         proposals = p.prenms(f["rpn_cls"], f["rpn_bbox"])
         assert proposals.dtype == np.float16 and 0 < len(proposals) <= d.pre_nms_num
         rois = p.prenms_nms(f["rpn_cls"], f["rpn_bbox"])
         np.testing.assert_array_equal(rois, ol.nms(proposals, d.pre_nms_iou, d.post_nms_num))
-        rois2, feats, table, per_class = run_frame(p, f)
+        want = [run_frame(p, f) for f in frames]
     assert p.closed
+    with pytest.raises(ValueError, match="Pipeline is closed"):
+        p.prenms(f["rpn_cls"], f["rpn_bbox"])
+    rois2, feats, table, per_class = want[0]
     np.testing.assert_array_equal(rois2, rois)
     np.testing.assert_array_equal(feats, ol.roi_pooling(rois, f["fmap"], d.fmap_scale,
                                                         d.pool_w, d.pool_h))
@@ -70,21 +80,6 @@ def test_pipeline_stages_agree_with_operators():
         assert table[k] == len(dets)
         recs = table[c + 5 * n * k:][:5 * len(dets)].reshape(-1, 5).astype(np.float32)
         assert [(tuple(r[:4]), r[4]) for r in recs] == dets
-    with pytest.raises(ValueError, match="Pipeline is closed"):
-        p.prenms(f["rpn_cls"], f["rpn_bbox"])
-
-
-def test_handles_on_threads_match_one_thread_and_release_their_workers():
-    d = small_desc(thread_num=3)
-    before = n_threads()
-    p = ol.Pipeline(d, ANCHORS)
-    assert n_threads() == before + 3
-    del p  # released by the garbage collector
-    gc.collect()
-    assert n_threads() == before
-    frames = [frame(d, seed) for seed in range(4)]
-    with ol.Pipeline(d, ANCHORS) as p:
-        want = [run_frame(p, f) for f in frames]
     got = [None] * 4
 
     def worker(i):  # its own handle, five frames, the GIL released in each call
@@ -112,18 +107,6 @@ def test_dump_is_what_init_prints(capfd, extra):
     assert capfd.readouterr().out == ""
     ol.Pipeline(d, ANCHORS).close()
     assert capfd.readouterr().out == text
-
-
-def test_library_failures_raise_and_print(capfd):
-    with pytest.raises(RuntimeError, match="opt_layers_instance_frcnn_init failed"):
-        ol.Pipeline(small_desc(thread_num=0), ANCHORS)
-    assert capfd.readouterr().out == "thread number 0 less than 1\ncreate thread pool err\n"
-    d = small_desc(bbox_type=2)
-    f = frame(d)
-    with ol.Pipeline(d, ANCHORS) as p:
-        with pytest.raises(RuntimeError, match="opt_layers_instance_frcnn_prenms_nms failed"):
-            p.prenms_nms(f["rpn_cls"], f["rpn_bbox"])
-    assert capfd.readouterr().out == "Unsupport bbox type: 2\nfrcnn prenms err\n"
 
 
 def test_operator_round_trips(capfd):
@@ -280,6 +263,15 @@ BAD = [
 ]
 
 
+# Failures inside the library: the exception, and what the library printed.
+LIBRARY = [
+    (lambda p, f: ol.Pipeline(small_desc(thread_num=0), ANCHORS), RuntimeError, "opt_layers_instance_frcnn_init failed",
+     "thread number 0 less than 1\ncreate thread pool err\n"),
+    (lambda p, f: ol.Pipeline(small_desc(bbox_type=2), ANCHORS).prenms_nms(f["rpn_cls"], f["rpn_bbox"]), RuntimeError,
+     "opt_layers_instance_frcnn_prenms_nms failed (returned -1)", "Unsupport bbox type: 2\nfrcnn prenms err\n"),
+]
+
+
 @pytest.fixture(scope="module")
 def small():
     d = small_desc()
@@ -287,9 +279,9 @@ def small():
         yield p, frame(d)
 
 
-@pytest.mark.parametrize("call, error, message", BAD)
-def test_bad_input_is_refused(small, capfd, call, error, message):
+@pytest.mark.parametrize("call, error, message, printed", [b + ("",) for b in BAD] + LIBRARY)
+def test_bad_input_is_refused(small, capfd, call, error, message, printed):
     with pytest.raises(error) as e:
         call(*small)
     assert str(e.value) == message
-    assert capfd.readouterr().out == ""
+    assert capfd.readouterr().out == printed
