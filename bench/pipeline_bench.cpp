@@ -105,7 +105,8 @@ void pipeline_step(benchmark::State& state) {
       case 4: {  // the decode kernel alone, on this thread
         ol::rpn_decode_params dp = {ctx->anchors, p.frame.bbox.data(), ctx->rpn_cls_nopitch,
                                     ctx->order_rpn_index, 600, 1000, 38, 63, 64, 16, 9, 0,
-                                    false, &ctx->desc.bbox_scale_factor.center_x};
+                                    false, &ctx->desc.bbox_scale_factor.center_x,
+                                    ctx->exp_w, ctx->exp_h};
         uint32_t dropped = 0;
         benchmark::DoNotOptimize(
             ol::rpn_decode_batch(dp, ctx->detections, ctx->order_buf, n, &dropped));

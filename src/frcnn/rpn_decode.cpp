@@ -4,9 +4,12 @@
 // The kernel decodes four candidates at a time: their anchors and deltas
 // are gathered into lanes, the arithmetic runs on 4-lane vectors (the same
 // single and double precision operations, in the same order, as the plain
-// formulation kept with the tests), and only expf stays a scalar call per
-// lane. Records are written branch-free: every lane is stored at the write
-// position, which advances only for a kept candidate.
+// formulation kept with the tests). The two exponentials of a candidate are
+// looked up by delta pattern in tables the context fills once with expf
+// (a delta is a half, so there are 65,536 possible arguments); without
+// tables expf is called per lane. Records are written branch-free: every
+// lane is stored at the write position, which advances only for a kept
+// candidate.
 #include <math.h>
 #include <stdio.h>
 #include <string.h>
@@ -148,6 +151,8 @@ __attribute__((always_inline)) inline uint32_t decode_body(const rpn_decode_para
   const size_t ox = p.bbox_type == 0 ? 0 : plane, oy = plane - ox;
   const size_t ow = p.bbox_type == 0 ? 2 * plane : 3 * plane, oh = 5 * plane - ow;
   const f32x4 one = splat(1.0f);
+  const float* const exp_w = p.exp_w;
+  const float* const exp_h = p.exp_h;
   uint32_t kept = 0;
   for (uint32_t k = 0; k < count; k += k_lanes) {
     const uint32_t lanes = count - k < k_lanes ? count - k : k_lanes;
@@ -181,17 +186,28 @@ __attribute__((always_inline)) inline uint32_t decode_body(const rpn_decode_para
     const f32x4 ha = ay2 - ay1 + one;
 
     f32x4 dx = half_to_float4(hx), dy = half_to_float4(hy);
-    f32x4 dw = half_to_float4(hw), dh = half_to_float4(hh);
     if (p.apply_scale) {
       dx = dx * splat(p.bbox_scale_factor[0]);
       dy = dy * splat(p.bbox_scale_factor[1]);
-      dw = dw * splat(p.bbox_scale_factor[2]);
-      dh = dh * splat(p.bbox_scale_factor[3]);
     }
-    f32x4 ew = {}, eh = {};
-    for (uint32_t j = 0; j < lanes; ++j) {
-      ew[j] = expf(dw[j]);
-      eh[j] = expf(dh[j]);
+    f32x4 ew, eh;
+    if (exp_w != nullptr) {
+      // Unused lanes hold pattern 0, which is in the table as well.
+      for (uint32_t j = 0; j < k_lanes; ++j) {
+        ew[j] = exp_w[hw[j]];
+        eh[j] = exp_h[hh[j]];
+      }
+    } else {
+      f32x4 dw = half_to_float4(hw), dh = half_to_float4(hh);
+      if (p.apply_scale) {
+        dw = dw * splat(p.bbox_scale_factor[2]);
+        dh = dh * splat(p.bbox_scale_factor[3]);
+      }
+      ew = eh = f32x4{};
+      for (uint32_t j = 0; j < lanes; ++j) {
+        ew[j] = expf(dw[j]);
+        eh[j] = expf(dh[j]);
+      }
     }
     const f32x4 pw = wa * ew;
     const f32x4 ph = ha * eh;
@@ -273,6 +289,14 @@ constexpr uint32_t k_decode_run = 64;
 
 }  // namespace
 
+void rpn_exp_table_fill(float* t, bool apply_scale, float scale) {
+  for (uint32_t h = 0; h < k_rpn_exp_entries; ++h) {
+    float v = opt_layers_half::to_float(static_cast<uint16_t>(h));
+    if (apply_scale) v = v * scale;
+    t[h] = expf(v);
+  }
+}
+
 int rpn_decode_batch(const rpn_decode_params& p, uint16_t* out, const uint32_t* order,
                      uint32_t count, uint32_t* dropped) {
   if (count == 0) {
@@ -301,6 +325,8 @@ int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_
   p.bbox_type = d.bbox_type;
   p.apply_scale = d.is_apply_bbox_scale_factor;
   p.bbox_scale_factor = &d.bbox_scale_factor.center_x;
+  p.exp_w = ctx->exp_w;
+  p.exp_h = ctx->exp_h;
   const bool use_qsort = d.is_use_qsort;
   if (n > 0 && !bbox_type_supported(p.bbox_type)) return -1;
 

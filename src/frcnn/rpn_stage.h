@@ -68,7 +68,18 @@ struct rpn_decode_params {
   uint32_t bbox_type;
   bool apply_scale;
   const float* bbox_scale_factor;
+  // expf of the (scaled) width and height deltas by pattern, or NULL for
+  // expf calls (see rpn_exp_table_fill).
+  const float* exp_w;
+  const float* exp_h;
 };
+
+// Entries of a table of exponentials: one per 16-bit half pattern.
+constexpr uint32_t k_rpn_exp_entries = 65536;
+
+// Fills t[h] with the decode's exponential of the delta pattern h:
+// expf(half h), or expf(half h * scale) when apply_scale is set.
+void rpn_exp_table_fill(float* t, bool apply_scale, float scale);
 
 // Decodes order[0..count) into proposal records from out on, skipping the
 // candidates smaller than min_size. Returns 0 and stores the number dropped,
