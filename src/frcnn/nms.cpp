@@ -102,14 +102,17 @@ inline bool any_lane(const i32x8& m) {
 // the kept ones: whenever a new vector's worth of entries is started, its
 // entries get zero corners and a NaN area, which never suppresses, so no
 // lane needs masking.
+//
+// The scan takes boxes [begin, end) with `kept` boxes already kept (a later
+// call goes on where an earlier one stopped) and returns the new count.
 template <typename F, typename I>
-__attribute__((always_inline)) inline int nms_scan(uint16_t* out, const uint16_t* in, int n,
-                                                   float iou_threshold, int max_out,
-                                                   const box_list& l) {
+__attribute__((always_inline)) inline int nms_scan(uint16_t* out, const uint16_t* in, int begin,
+                                                   int end, float iou_threshold, int max_out,
+                                                   const box_list& l, int kept) {
   constexpr int L = sizeof(F) / sizeof(float);
   const F zero = F{} + 0.0f, one = F{} + 1.0f, thr = F{} + iou_threshold;
-  int kept = 0;
-  for (int j = 0; j < n; ++j) {
+  if (kept >= max_out) return kept;
+  for (int j = begin; j < end; ++j) {
     const uint16_t* b = in + static_cast<size_t>(j) * 5;
     const float x1 = opt_layers_half::to_float(b[0]);
     const float y1 = opt_layers_half::to_float(b[1]);
@@ -155,17 +158,19 @@ __attribute__((always_inline)) inline int nms_scan(uint16_t* out, const uint16_t
 // Processors with AVX2 test eight kept boxes at a time (the same operations
 // per lane, so the same result).
 #if defined(OL_X86_DISPATCH)
-__attribute__((target("avx2"))) int nms_run_avx2(uint16_t* out, const uint16_t* in, int n,
-                                                 float thr, int max_out, const box_list& l) {
-  return nms_scan<f32x8, i32x8>(out, in, n, thr, max_out, l);
+__attribute__((target("avx2"))) int nms_run_avx2(uint16_t* out, const uint16_t* in, int begin,
+                                                 int end, float thr, int max_out,
+                                                 const box_list& l, int kept) {
+  return nms_scan<f32x8, i32x8>(out, in, begin, end, thr, max_out, l, kept);
 }
 #endif
 
-int nms_run(uint16_t* out, const uint16_t* in, int n, float thr, int max_out, const box_list& l) {
+int nms_run(uint16_t* out, const uint16_t* in, int begin, int end, float thr, int max_out,
+            const box_list& l, int kept) {
 #if defined(OL_X86_DISPATCH)
-  if (cpu_has_avx2()) return nms_run_avx2(out, in, n, thr, max_out, l);
+  if (cpu_has_avx2()) return nms_run_avx2(out, in, begin, end, thr, max_out, l, kept);
 #endif
-  return nms_scan<f32x4, i32x4>(out, in, n, thr, max_out, l);
+  return nms_scan<f32x4, i32x4>(out, in, begin, end, thr, max_out, l, kept);
 }
 
 
@@ -233,9 +238,16 @@ int nms_kernel(uint16_t* out, const uint16_t* in, int count, float iou_threshold
   if (count <= 0 || n <= 0 || max_out <= 0) return 0;
 
   const size_t cap = list_capacity(static_cast<uint32_t>(n));
-  const box_list l = carve(scratch, cap);
+  return nms_run(out, in, 0, n, iou_threshold, max_out, carve(scratch, cap), 0);
+}
 
-  return nms_run(out, in, n, iou_threshold, max_out, l);
+int nms_resume(uint16_t* out, const uint16_t* in, int begin, int end, float iou_threshold,
+               int max_out, void* scratch, uint32_t capacity, int kept) {
+  if (begin >= end || max_out <= 0) return kept;
+  const size_t cap = list_capacity(capacity < static_cast<uint32_t>(k_nms_max_count)
+                                       ? capacity
+                                       : static_cast<uint32_t>(k_nms_max_count));
+  return nms_run(out, in, begin, end, iou_threshold, max_out, carve(scratch, cap), kept);
 }
 
 }  // namespace ol

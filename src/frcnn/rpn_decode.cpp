@@ -16,6 +16,7 @@
 
 #include "common/box.h"
 #include "common/cpu.h"
+#include "frcnn/nms.h"
 #include "frcnn/rpn_stage.h"
 
 #if defined(__aarch64__)
@@ -282,10 +283,75 @@ bool bbox_type_supported(uint32_t bbox_type) {
   return false;
 }
 
-// The first batch is cut into runs of at least k_decode_run candidates, at
-// most k_decode_tasks of them (the count depends on the batch alone).
+// A part of the first batch is cut into runs of at least k_decode_run
+// candidates, at most k_decode_tasks of them (the count depends on the part
+// alone).
 constexpr uint32_t k_decode_tasks = 4;
 constexpr uint32_t k_decode_run = 64;
+
+// Candidates of the first part when the decode feeds a suppression of
+// max_out boxes: k_nms_head_per_box per box wanted, at least k_nms_head_min.
+// (On the VGG16 frame the suppression keeps its 300 boxes among the first
+// 1,000 proposals.)
+constexpr uint32_t k_nms_head_per_box = 4;
+constexpr uint32_t k_nms_head_min = 1024;
+
+// Decodes order_buf[begin, end) of the first batch as runs on the pool (a
+// refused run is decoded here; the first refusal of the batch prints the
+// one line, *reported), each run writing its kept records from the start of
+// its own span of detections; the spans are then closed up after the *K
+// records already there, so the records are those of one serial pass.
+void decode_on_pool(frcnn_context* ctx, const rpn_decode_params& p, uint32_t begin, uint32_t end,
+                    uint32_t* K, bool* reported) {
+  const uint32_t n = end - begin;
+  uint32_t parts = (n + k_decode_run - 1) / k_decode_run;
+  parts = parts < 1 ? 1 : parts > k_decode_tasks ? k_decode_tasks : parts;
+  decode_task runs[k_decode_tasks];
+  for (uint32_t k = 0; k < parts; ++k) {
+    uint32_t b, e;
+    split_range(n, parts, k, &b, &e);
+    decode_task& t = runs[k];
+    t.params = &p;
+    t.out = ctx->detections + static_cast<size_t>(begin + b) * 5;
+    t.order = ctx->order_buf + begin + b;
+    t.count = e - b;
+    t.dropped = 0;
+    t.task.func = decode_task_func;
+    t.task.arg = &t;
+    t.task.retval = 0;
+  }
+  dispatch_tasks(ctx->pool, runs, parts, on_refused::run_inline_report_once, reported);
+  for (uint32_t k = 0; k < parts; ++k) {
+    const uint32_t kept = runs[k].count - runs[k].dropped;
+    uint16_t* to = ctx->detections + static_cast<size_t>(*K) * 5;
+    if (to != runs[k].out) memmove(to, runs[k].out, size_t{kept} * 5 * sizeof(uint16_t));
+    *K += kept;
+  }
+}
+
+// Hands the proposals to the suppression as they are completed, in order.
+class proposal_feed {
+ public:
+  proposal_feed(frcnn_context* ctx, rpn_nms_request* nms) : ctx_(ctx), nms_(nms) {
+    if (nms_ != nullptr) nms_->kept = 0;
+  }
+  // Suppresses the records [fed, K); true when the suppression has all the
+  // boxes it can keep, so that the decode may stop.
+  bool done(uint32_t K) {
+    if (nms_ == nullptr) return false;
+    const uint32_t cap = ctx_->desc.pre_nms_num;
+    nms_->kept = nms_resume(nms_->out, ctx_->detections, static_cast<int>(fed_),
+                            static_cast<int>(K), nms_->iou, nms_->max_out, ctx_->nms_scratch,
+                            cap, nms_->kept);
+    fed_ = K;
+    return nms_->kept >= nms_->max_out;
+  }
+
+ private:
+  frcnn_context* ctx_;
+  rpn_nms_request* nms_;
+  uint32_t fed_ = 0;
+};
 
 }  // namespace
 
@@ -308,7 +374,8 @@ int rpn_decode_batch(const rpn_decode_params& p, uint16_t* out, const uint32_t* 
   return 0;
 }
 
-int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_t M) {
+int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_t M,
+               rpn_nms_request* nms) {
   const frcnn_desc& d = ctx->desc;
   rpn_decode_params p;
   p.anchors = ctx->anchors;
@@ -330,34 +397,23 @@ int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_
   const bool use_qsort = d.is_use_qsort;
   if (n > 0 && !bbox_type_supported(p.bbox_type)) return -1;
 
-  // First batch: runs of consecutive candidates on the pool (a refused run
-  // is decoded here, and refusals print one line for the whole batch), each
-  // writing its kept records from the start of its own span of detections;
-  // the spans are then closed up in order, so the records are those of one
-  // serial pass.
-  uint32_t parts = (n + k_decode_run - 1) / k_decode_run;
-  parts = parts < 1 ? 1 : parts > k_decode_tasks ? k_decode_tasks : parts;
-  decode_task runs[k_decode_tasks];
-  for (uint32_t k = 0; k < parts; ++k) {
-    uint32_t begin, end;
-    split_range(n, parts, k, &begin, &end);
-    decode_task& t = runs[k];
-    t.params = &p;
-    t.out = ctx->detections + static_cast<size_t>(begin) * 5;
-    t.order = ctx->order_buf + begin;
-    t.count = end - begin;
-    t.dropped = 0;
-    t.task.func = decode_task_func;
-    t.task.arg = &t;
-    t.task.retval = 0;
-  }
-  dispatch_tasks(ctx->pool, runs, parts, on_refused::run_inline_report_once);
+  // The first batch [0, n) is decoded on the pool. With a suppression to
+  // feed, its first part goes alone, and the rest only when the suppression
+  // needs more boxes.
   uint32_t K = 0;
-  for (uint32_t k = 0; k < parts; ++k) {
-    const uint32_t kept = runs[k].count - runs[k].dropped;
-    uint16_t* to = ctx->detections + static_cast<size_t>(K) * 5;
-    if (to != runs[k].out) memmove(to, runs[k].out, size_t{kept} * 5 * sizeof(uint16_t));
-    K += kept;
+  bool reported = false;
+  proposal_feed feed(ctx, nms);
+  uint32_t first = n;
+  if (nms != nullptr) {
+    const uint64_t head = uint64_t{k_nms_head_per_box} * static_cast<uint32_t>(nms->max_out);
+    first = head < k_nms_head_min ? k_nms_head_min : head < n ? static_cast<uint32_t>(head) : n;
+    if (first > n) first = n;
+  }
+  decode_on_pool(ctx, p, 0, first, &K, &reported);
+  if (feed.done(K)) return static_cast<int>(K);
+  if (first < n) {
+    decode_on_pool(ctx, p, first, n, &K, &reported);
+    if (feed.done(K)) return static_cast<int>(K);
   }
 
   uint32_t d_count = n - K;
@@ -376,6 +432,7 @@ int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_
     next += b;
     remaining -= b;
     d_count = dropped;
+    if (feed.done(K)) break;
   }
   return static_cast<int>(K);
 }

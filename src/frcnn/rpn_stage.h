@@ -87,15 +87,29 @@ void rpn_exp_table_fill(float* t, bool apply_scale, float scale);
 int rpn_decode_batch(const rpn_decode_params& p, uint16_t* out, const uint32_t* order,
                      uint32_t count, uint32_t* dropped);
 
+// A suppression run on the proposals while they are decoded: nms_kernel of
+// the proposals into out, at most max_out (> 0) boxes; kept is its result.
+// The decode stops as soon as max_out boxes are kept, so only a caller that
+// needs no more than the suppressed boxes asks for it (and the proposal
+// count it then gets back counts only the proposals decoded).
+struct rpn_nms_request {
+  uint16_t* out;
+  float iou;
+  int max_out;
+  int kept;
+};
+
 // Decodes the best n of M candidates, refilling dropped ones from the next
 // in score order. Returns the number of proposals K, or -1 for an
-// unsupported bbox_type.
-int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_t M);
+// unsupported bbox_type. With nms, also suppresses them (see above); the
+// context's pre_nms_num must then be at most 32767.
+int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_t M,
+               rpn_nms_request* nms = nullptr);
 
 // ---- driver ----------------------------------------------------------------
 
 int frcnn_prenms(frcnn_context* ctx, const uint16_t* rpn_cls, const uint16_t* rpn_bbox,
-                 half_float::half** proposals);
+                 half_float::half** proposals, rpn_nms_request* nms = nullptr);
 
 }  // namespace ol
 

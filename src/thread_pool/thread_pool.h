@@ -110,10 +110,14 @@ enum class on_refused { skip, run_inline, run_inline_report_once };
 // "fatal: add task fail" for refused ones (and running them on the calling
 // thread when asked to), then waits once per accepted task. Every stage of
 // the pipeline dispatches its work through this. Returns the number accepted.
+// With run_inline_report_once, *reported_before (when given) says whether
+// the unit of work already printed its line in an earlier call, and is set
+// when this call prints it.
 template <class Record>
-uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_refused refused) {
+uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_refused refused,
+                        bool* reported_before = nullptr) {
   uint32_t accepted = 0;
-  bool reported = false;
+  bool reported = reported_before != nullptr && *reported_before;
   for (uint32_t i = 0; i < count; ++i) {
     thread_task* t = &records[i].task;
     if (thread_pool_add_task(pool, t) == 0) {
@@ -125,6 +129,7 @@ uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_r
     }
   }
   for (uint32_t i = 0; i < accepted; ++i) thread_pool_wait(pool);
+  if (reported_before != nullptr) *reported_before = reported;
   return accepted;
 }
 
