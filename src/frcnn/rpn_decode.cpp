@@ -374,8 +374,15 @@ int rpn_decode_batch(const rpn_decode_params& p, uint16_t* out, const uint32_t* 
   return 0;
 }
 
-int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_t M,
-               rpn_nms_request* nms) {
+uint32_t rpn_decode_head(uint32_t n, const rpn_nms_request* nms) {
+  if (nms == nullptr) return n;
+  const uint64_t head = uint64_t{k_nms_head_per_box} * static_cast<uint32_t>(nms->max_out);
+  const uint64_t first = head < k_nms_head_min ? k_nms_head_min : head;
+  return first < n ? static_cast<uint32_t>(first) : n;
+}
+
+int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t ready, uint32_t n,
+               uint32_t M, rpn_nms_request* nms) {
   const frcnn_desc& d = ctx->desc;
   rpn_decode_params p;
   p.anchors = ctx->anchors;
@@ -403,14 +410,15 @@ int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_
   uint32_t K = 0;
   bool reported = false;
   proposal_feed feed(ctx, nms);
-  uint32_t first = n;
-  if (nms != nullptr) {
-    const uint64_t head = uint64_t{k_nms_head_per_box} * static_cast<uint32_t>(nms->max_out);
-    first = head < k_nms_head_min ? k_nms_head_min : head < n ? static_cast<uint32_t>(head) : n;
-    if (first > n) first = n;
-  }
+  if (ready > n) ready = n;
+  const uint32_t head = rpn_decode_head(n, nms);
+  const uint32_t first = head < ready ? head : ready;
   decode_on_pool(ctx, p, 0, first, &K, &reported);
   if (feed.done(K)) return static_cast<int>(K);
+  // The histogram walk resumes for the numbers not sorted yet (and gives
+  // fewer when the candidates run out).
+  if (ready < n && !use_qsort) ready += hist_walk(ctx->order_buf + ready, n - ready, &ctx->hist, false);
+  n = ready;
   if (first < n) {
     decode_on_pool(ctx, p, first, n, &K, &reported);
     if (feed.done(K)) return static_cast<int>(K);

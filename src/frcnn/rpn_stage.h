@@ -101,10 +101,17 @@ struct rpn_nms_request {
 
 // Decodes the best n of M candidates, refilling dropped ones from the next
 // in score order. Returns the number of proposals K, or -1 for an
-// unsupported bbox_type. With nms, also suppresses them (see above); the
-// context's pre_nms_num must then be at most 32767.
-int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_t M,
-               rpn_nms_request* nms = nullptr);
+// unsupported bbox_type. order_buf holds the first `ready` numbers of the
+// order; on the histogram path the walk is resumed for the rest of the n
+// when they are needed (a walk that ran out leaves ready below n, and the
+// decode takes only those). With nms, also suppresses the proposals (see
+// above); the context's pre_nms_num must then be at most 32767.
+int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t ready, uint32_t n,
+               uint32_t M, rpn_nms_request* nms = nullptr);
+
+// How many of the first n sorted numbers rpn_decode needs before it knows
+// whether it needs the others: n, or fewer when it feeds nms.
+uint32_t rpn_decode_head(uint32_t n, const rpn_nms_request* nms);
 
 // ---- driver ----------------------------------------------------------------
 
