@@ -108,7 +108,7 @@ int post_nms(frcnn_context* ctx, half_float::half* rcnn_cls, half_float::half* r
   frcnn_rcnn_decode(ctx->pool, half_bits_ptr(nms_out), half_bits_ptr(rcnn_bbox), ctx->rcnn_boxes, d.img_h,
                     d.img_w, d.class_num, d.rcnn_bbox_pitch, roi_num, d.rcnn_bbox_share_location,
                     d.bbox_type, d.is_apply_bbox_scale_factor, &d.bbox_scale_factor.center_x,
-                    d.is_no_rcnn_bg_bbox);
+                    d.is_no_rcnn_bg_bbox, ctx->exp_w, ctx->exp_h);
   frcnn_rcnn_nms(ctx->pool, half_bits_ptr(rcnn_result), ctx->rcnn_boxes, half_bits_ptr(rcnn_cls),
                  d.class_num, roi_num, d.rcnn_cls_pitch, d.post_nms_num, d.is_no_rcnn_bg_bbox,
                  d.post_nms_iou, d.cls_prob, ctx->class_nms_scratch, ctx->class_nms_block);
