@@ -106,7 +106,7 @@ void frcnn_roi_pool(thread_pool* pool, const uint16_t* nms_out,
       for (uint32_t i = records[k].begin; i < records[k].end; ++i) puts("fatal: add task fail");
     }
   }
-  for (uint32_t k = 0; k < accepted; ++k) thread_pool_wait(pool);
+  thread_pool_wait_many(pool, accepted);
 }
 
 }  // namespace ol

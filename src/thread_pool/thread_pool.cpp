@@ -15,6 +15,7 @@ simple_queue* simple_queue_create() {
     return nullptr;
   }
   q->size = 0;
+  q->wake_at = 0;
   q->anchor.next = &q->anchor;
   q->anchor.prev = &q->anchor;
   q->free_nodes = nullptr;
@@ -64,7 +65,7 @@ void link_newest(simple_queue* q, simple_node* node, void* item) {
   q->anchor.prev->next = node;
   q->anchor.prev = node;
   ++q->size;
-  pthread_cond_signal(&q->not_empty);
+  if (q->size >= q->wake_at) pthread_cond_signal(&q->not_empty);
 }
 
 }  // namespace
@@ -130,9 +131,15 @@ int simple_queue_grow(simple_queue* q, uint32_t count) {
   return ok ? 0 : -1;
 }
 
-void* simple_queue_take(simple_queue* q) {
+void* simple_queue_take(simple_queue* q) { return simple_queue_take_at_least(q, 1); }
+
+void* simple_queue_take_at_least(simple_queue* q, uint32_t count) {
   pthread_mutex_lock(&q->mutex);
-  while (q->size == 0) pthread_cond_wait(&q->not_empty, &q->mutex);
+  if (q->size < count) {
+    q->wake_at = count;
+    while (q->size < count) pthread_cond_wait(&q->not_empty, &q->mutex);
+    q->wake_at = 0;
+  }
   simple_node* oldest = q->anchor.next;
   if (oldest == &q->anchor) {
     puts("fatal error: corruptted queue.");
@@ -265,6 +272,15 @@ thread_task* thread_pool_wait(thread_pool* pool) {
     return nullptr;
   }
   return static_cast<thread_task*>(simple_queue_take(pool->done_queue));
+}
+
+void thread_pool_wait_many(thread_pool* pool, uint32_t count) {
+  if (count == 0) return;
+  if (!pool_usable(pool)) {
+    for (uint32_t i = 0; i < count; ++i) puts("error: invalid params");
+    return;
+  }
+  for (uint32_t left = count; left > 0; --left) simple_queue_take_at_least(pool->done_queue, left);
 }
 
 int thread_pool_prepare(thread_pool* pool, uint32_t tasks) {

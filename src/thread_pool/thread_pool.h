@@ -30,6 +30,7 @@ struct simple_queue {
   simple_node* free_nodes;
   uint32_t free_count;  // nodes on free_nodes
   uint32_t reserved;    // free nodes promised to future puts (see simple_queue_reserve)
+  uint32_t wake_at;     // a put signals once size reaches this (0: at 1; see take_at_least)
   pthread_mutex_t mutex;
   pthread_cond_t not_empty;
 };
@@ -40,6 +41,11 @@ void simple_queue_destroy(simple_queue* queue);
 // simple node"); the item is then not queued.
 int simple_queue_put(simple_queue* queue, void* item);
 void* simple_queue_take(simple_queue* queue);
+// Takes the oldest item once the queue holds at least `count` (>= 1) items.
+// Puts wake the waiter only when that many are there, so a thread that
+// collects a known number of items sleeps and is woken once, not once per
+// item. A waiter for more than one item must be the queue's only waiter.
+void* simple_queue_take_at_least(simple_queue* queue, uint32_t count);
 // Makes sure a later put can take a node without allocating: on success one
 // free node is set aside for it (0), or -1 when no node could be allocated.
 int simple_queue_reserve(simple_queue* queue);
@@ -81,6 +87,13 @@ thread_pool* thread_pool_create(uint32_t thread_count);
 // thread_pool_wait.
 int thread_pool_add_task(thread_pool* pool, thread_task* task);
 thread_task* thread_pool_wait(thread_pool* pool);
+// The same as `count` calls of thread_pool_wait by the thread that made the
+// batch, for a batch with `count` tasks still to come back: it returns when
+// all of them have. The caller sleeps until the last one is done instead of
+// being woken by every one of them (a wake-up of a sleeping thread costs the
+// worker that does it a system call, and tens of microseconds on a virtual
+// machine).
+void thread_pool_wait_many(thread_pool* pool, uint32_t count);
 // Grows both queues so that batches of up to `tasks` tasks never allocate
 // (otherwise they grow, batch by batch, to the most tasks ever in flight).
 // 0, or -1 ("error: invalid params", "fatal: no memory for simple node").
@@ -128,7 +141,7 @@ uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_r
       if (refused != on_refused::skip && t->func) t->retval = t->func(t->arg);
     }
   }
-  for (uint32_t i = 0; i < accepted; ++i) thread_pool_wait(pool);
+  thread_pool_wait_many(pool, accepted);
   if (reported_before != nullptr) *reported_before = reported;
   return accepted;
 }
