@@ -58,19 +58,21 @@ void push_free(simple_queue* q, simple_node* n) {
 }
 
 // Links `node` as the newest item and wakes one taker. Called locked.
-void link_newest(simple_queue* q, simple_node* node, void* item) {
+void link_newest(simple_queue* q, simple_node* node, void* item, bool wake = true) {
   node->data = item;
   node->next = &q->anchor;
   node->prev = q->anchor.prev;
   q->anchor.prev->next = node;
   q->anchor.prev = node;
   ++q->size;
-  if (q->size >= q->wake_at) pthread_cond_signal(&q->not_empty);
+  if (wake && q->size >= q->wake_at) pthread_cond_signal(&q->not_empty);
 }
 
 }  // namespace
 
-int simple_queue_put(simple_queue* q, void* item) {
+int simple_queue_put(simple_queue* q, void* item) { return simple_queue_put_quiet(q, item, true); }
+
+int simple_queue_put_quiet(simple_queue* q, void* item, bool wake) {
   pthread_mutex_lock(&q->mutex);
   simple_node* node;
   // Free nodes beyond the reserved ones may be used by an ordinary put.
@@ -84,9 +86,20 @@ int simple_queue_put(simple_queue* q, void* item) {
       return -1;
     }
   }
-  link_newest(q, node, item);
+  link_newest(q, node, item, wake);
   pthread_mutex_unlock(&q->mutex);
   return 0;
+}
+
+void simple_queue_wake(simple_queue* q, uint32_t items) {
+  if (items == 0) return;
+  pthread_mutex_lock(&q->mutex);
+  if (items == 1) {
+    pthread_cond_signal(&q->not_empty);
+  } else {
+    pthread_cond_broadcast(&q->not_empty);
+  }
+  pthread_mutex_unlock(&q->mutex);
 }
 
 // Allocates free nodes until `count` of them are not promised to reserved
@@ -249,6 +262,14 @@ thread_pool* thread_pool_create(uint32_t thread_count) {
 }
 
 int thread_pool_add_task(thread_pool* pool, thread_task* task) {
+  return thread_pool_add_task(pool, task, true);
+}
+
+void thread_pool_wake(thread_pool* pool, uint32_t queued) {
+  if (pool_usable(pool)) simple_queue_wake(pool->task_queue, queued);
+}
+
+int thread_pool_add_task(thread_pool* pool, thread_task* task, bool wake) {
   // A NULL task is refused: queued, it would be taken for a stop item and
   // end a worker.
   if (!pool_usable(pool) || task == nullptr) {
@@ -259,7 +280,7 @@ int thread_pool_add_task(thread_pool* pool, thread_task* task) {
   // an accepted task can never be lost; a task that cannot get both nodes is
   // refused instead.
   if (simple_queue_reserve(pool->done_queue) != 0) return -1;
-  if (simple_queue_put(pool->task_queue, task) != 0) {
+  if (simple_queue_put_quiet(pool->task_queue, task, wake) != 0) {
     simple_queue_unreserve(pool->done_queue);
     return -1;
   }

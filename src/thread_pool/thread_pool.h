@@ -40,6 +40,12 @@ void simple_queue_destroy(simple_queue* queue);
 // Returns 0 when queued, -1 when no node could be had ("fatal: no memory for
 // simple node"); the item is then not queued.
 int simple_queue_put(simple_queue* queue, void* item);
+// simple_queue_put that wakes no waiter when wake is false (see
+// simple_queue_wake).
+int simple_queue_put_quiet(simple_queue* queue, void* item, bool wake);
+// Wakes waiters for `items` items put quietly: one for one item, all for
+// more.
+void simple_queue_wake(simple_queue* queue, uint32_t items);
 void* simple_queue_take(simple_queue* queue);
 // Takes the oldest item once the queue holds at least `count` (>= 1) items.
 // Puts wake the waiter only when that many are there, so a thread that
@@ -86,6 +92,13 @@ thread_pool* thread_pool_create(uint32_t thread_count);
 // be had). An accepted task is guaranteed to come back through
 // thread_pool_wait.
 int thread_pool_add_task(thread_pool* pool, thread_task* task);
+// thread_pool_add_task that, with wake false, leaves sleeping workers asleep
+// (workers already awake still take the task). A batch submitted this way
+// ends with thread_pool_wake for the number accepted: with tasks of a few
+// microseconds, workers woken one put at a time go back to sleep between
+// puts, and each wake-up costs the submitter a system call.
+int thread_pool_add_task(thread_pool* pool, thread_task* task, bool wake);
+void thread_pool_wake(thread_pool* pool, uint32_t queued);
 thread_task* thread_pool_wait(thread_pool* pool);
 // The same as `count` calls of thread_pool_wait by the thread that made the
 // batch, for a batch with `count` tasks still to come back: it returns when
@@ -133,7 +146,7 @@ uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_r
   bool reported = reported_before != nullptr && *reported_before;
   for (uint32_t i = 0; i < count; ++i) {
     thread_task* t = &records[i].task;
-    if (thread_pool_add_task(pool, t) == 0) {
+    if (thread_pool_add_task(pool, t, false) == 0) {
       ++accepted;
     } else {
       if (!reported || refused != on_refused::run_inline_report_once) puts("fatal: add task fail");
@@ -141,6 +154,7 @@ uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_r
       if (refused != on_refused::skip && t->func) t->retval = t->func(t->arg);
     }
   }
+  thread_pool_wake(pool, accepted);
   thread_pool_wait_many(pool, accepted);
   if (reported_before != nullptr) *reported_before = reported;
   return accepted;
