@@ -103,7 +103,8 @@ struct class_nms_scratch {
   uint16_t* scores;      // n halves, by proposal
   float* areas;          // n, by proposal
   int32_t* order;        // n proposal numbers, by sorted position
-  int16_t* keys;         // n + 8 ordered score keys, by sorted position
+  int16_t* keys;         // n ordered score keys, by sorted position (padded to 16)
+  int16_t* block_max;    // the largest key of every 16, and 8 more entries
   float* coords;         // 4n: the rounded coordinates as floats
   int32_t* alive;        // n proposals still to be tested against kept boxes
   float* alive_box;      // 5 rows of alive_stride floats: x1 y1 x2 y2 area of
