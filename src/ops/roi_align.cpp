@@ -604,6 +604,10 @@ int roi_align_one(short* fmap, unsigned fmap_scale, float* proposal, unsigned ro
   return 0;
 }
 
+// Boxes that roi_align_four_fmap_int16 groups by level at a time (their
+// levels take 1 KiB of stack).
+constexpr unsigned k_level_chunk = 1024;
+
 template <class K>
 int roi_align_four(short** fmap, unsigned* fmap_scale, float* proposal, unsigned roi_num,
                    unsigned img_w, unsigned img_h, unsigned pool_w, unsigned pool_h,
@@ -631,12 +635,25 @@ int roi_align_four(short** fmap, unsigned* fmap_scale, float* proposal, unsigned
   }
   if (!align_args_ok(proposal, channel, roi_result)) return -1;
   const size_t per_box = static_cast<size_t>(pool_w) * pool_h * channel;
-  for (unsigned r = 0; r < roi_num; ++r) {
-    const float* box = proposal + 4 * static_cast<size_t>(r);
-    const unsigned k = roi_align_level(box[0], box[1], box[2], box[3]);
-    const unsigned s = scales[k];
-    align_box<K>(maps[k], s, img_w / s, img_h / s, box, pool_w, pool_h, channel,
-                 roi_result + per_box * r);
+  // Boxes are taken in chunks, and within a chunk level by level, so that
+  // one map at a time is read while it is in cache (every box writes only
+  // its own output, so the order changes no result).
+  for (unsigned r0 = 0; r0 < roi_num; r0 += k_level_chunk) {
+    const unsigned nr = roi_num - r0 < k_level_chunk ? roi_num - r0 : k_level_chunk;
+    uint8_t level[k_level_chunk];
+    for (unsigned i = 0; i < nr; ++i) {
+      const float* box = proposal + 4 * static_cast<size_t>(r0 + i);
+      level[i] = static_cast<uint8_t>(roi_align_level(box[0], box[1], box[2], box[3]));
+    }
+    for (unsigned k = 0; k < 3; ++k) {
+      const unsigned s = scales[k];
+      for (unsigned i = 0; i < nr; ++i) {
+        if (level[i] != k) continue;
+        const unsigned r = r0 + i;
+        align_box<K>(maps[k], s, img_w / s, img_h / s, proposal + 4 * static_cast<size_t>(r),
+                     pool_w, pool_h, channel, roi_result + per_box * r);
+      }
+    }
   }
   K::done();
   return 0;
