@@ -604,9 +604,27 @@ int roi_align_one(short* fmap, unsigned fmap_scale, float* proposal, unsigned ro
   return 0;
 }
 
-// Boxes that roi_align_four_fmap_int16 groups by level at a time (their
-// levels take 1 KiB of stack).
+// roi_align_four_fmap_int16 takes its boxes in chunks of k_level_chunk
+// and, within a chunk, by level and then by band of the image rows their
+// top edge lies in (k_row_bands bands), so that one map at a time is read,
+// and boxes that share map rows follow one another while those rows are in
+// cache. Every box writes only its own output, so the order changes no
+// result. Sorting a chunk takes about 3 KiB of stack.
 constexpr unsigned k_level_chunk = 1024;
+constexpr unsigned k_row_bands = 16;
+
+// The group of a box: level * k_row_bands + band of y1 (NaN and negative
+// values in band 0, beyond the image in the last).
+inline unsigned box_group(const float* box, unsigned level, float bands_per_row) {
+  const float f = box[1] * bands_per_row;
+  unsigned band = 0;
+  if (f >= static_cast<float>(k_row_bands - 1)) {
+    band = k_row_bands - 1;
+  } else if (f > 0.0f) {
+    band = static_cast<unsigned>(f);
+  }
+  return level * k_row_bands + band;
+}
 
 template <class K>
 int roi_align_four(short** fmap, unsigned* fmap_scale, float* proposal, unsigned roi_num,
@@ -638,21 +656,28 @@ int roi_align_four(short** fmap, unsigned* fmap_scale, float* proposal, unsigned
   // Boxes are taken in chunks, and within a chunk level by level, so that
   // one map at a time is read while it is in cache (every box writes only
   // its own output, so the order changes no result).
+  constexpr unsigned k_groups = 3 * k_row_bands;
+  const float bands_per_row = static_cast<float>(k_row_bands) / static_cast<float>(img_h);
   for (unsigned r0 = 0; r0 < roi_num; r0 += k_level_chunk) {
     const unsigned nr = roi_num - r0 < k_level_chunk ? roi_num - r0 : k_level_chunk;
-    uint8_t level[k_level_chunk];
+    // Counting sort of the chunk's boxes by group.
+    uint8_t group[k_level_chunk];
+    uint16_t order[k_level_chunk];
+    unsigned start[k_groups + 1] = {};
     for (unsigned i = 0; i < nr; ++i) {
       const float* box = proposal + 4 * static_cast<size_t>(r0 + i);
-      level[i] = static_cast<uint8_t>(roi_align_level(box[0], box[1], box[2], box[3]));
+      const unsigned k = roi_align_level(box[0], box[1], box[2], box[3]);
+      group[i] = static_cast<uint8_t>(box_group(box, k, bands_per_row));
+      ++start[group[i] + 1];
     }
-    for (unsigned k = 0; k < 3; ++k) {
+    for (unsigned g = 0; g < k_groups; ++g) start[g + 1] += start[g];
+    for (unsigned i = 0; i < nr; ++i) order[start[group[i]]++] = static_cast<uint16_t>(i);
+    for (unsigned j = 0; j < nr; ++j) {
+      const unsigned r = r0 + order[j];
+      const unsigned k = group[order[j]] / k_row_bands;
       const unsigned s = scales[k];
-      for (unsigned i = 0; i < nr; ++i) {
-        if (level[i] != k) continue;
-        const unsigned r = r0 + i;
-        align_box<K>(maps[k], s, img_w / s, img_h / s, proposal + 4 * static_cast<size_t>(r),
-                     pool_w, pool_h, channel, roi_result + per_box * r);
-      }
+      align_box<K>(maps[k], s, img_w / s, img_h / s, proposal + 4 * static_cast<size_t>(r),
+                   pool_w, pool_h, channel, roi_result + per_box * r);
     }
   }
   K::done();
