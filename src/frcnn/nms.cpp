@@ -3,8 +3,8 @@
 //
 // The kernel takes the boxes in input order, converting each to floats when
 // it reaches it: a box is kept when no kept box suppresses it, tested four
-// (eight with AVX2) kept boxes at a time (kept boxes in structure-of-arrays floats x1, y1, x2,
-// y2, area) and stopping at the first hit. Only kept boxes ever suppress, so
+// (eight with AVX2) kept boxes at a time (kept boxes in structure-of-arrays
+// floats x1, y1, x2, y2, area) and stopping at the first hit. Only kept boxes ever suppress, so
 // this is the greedy result; it stops as soon as max_out boxes are kept, and
 // a suppressed box usually costs a few tests.
 //

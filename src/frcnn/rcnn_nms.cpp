@@ -366,8 +366,9 @@ uint32_t class_nms_scratch_bytes(uint32_t n) {
   const size_t bytes = 16 + align16(m * 5 * sizeof(uint16_t)) + align16(m * sizeof(uint16_t)) +
                        align16(m * sizeof(float)) + align16(m * sizeof(int32_t)) +
                        align16(key_blocks(m) * k_key_block * sizeof(int16_t)) +
-                       align16((key_blocks(m) + 8) * sizeof(int16_t)) + align16(m * 4 * sizeof(float)) +
-                       align16(m * sizeof(int32_t)) + align16(5 * m4 * sizeof(float)) + align16(m);
+                       align16((key_blocks(m) + 8) * sizeof(int16_t)) +
+                       align16(m * 4 * sizeof(float)) + align16(m * sizeof(int32_t)) +
+                       align16(5 * m4 * sizeof(float)) + align16(m);
   return static_cast<uint32_t>(bytes);
 }
 

@@ -417,11 +417,12 @@ int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t ready, uin
   // The first part of a decode that feeds the suppression is small (about
   // 20 us of work on the VGG16 frame): it goes as one task, since waking a
   // second worker would cost the caller more than the worker saves.
-  decode_on_pool(ctx, p, 0, first, first < n ? 1 : k_decode_tasks, &K, &reported);
+  decode_on_pool(ctx, p, 0, first, head < n ? 1 : k_decode_tasks, &K, &reported);
   if (feed.done(K)) return static_cast<int>(K);
   // The histogram walk resumes for the numbers not sorted yet (and gives
   // fewer when the candidates run out).
-  if (ready < n && !use_qsort) ready += hist_walk(ctx->order_buf + ready, n - ready, &ctx->hist, false);
+  if (ready < n && !use_qsort)
+    ready += hist_walk(ctx->order_buf + ready, n - ready, &ctx->hist, false);
   n = ready;
   if (first < n) {
     decode_on_pool(ctx, p, first, n, k_decode_tasks, &K, &reported);
