@@ -57,7 +57,8 @@ void push_free(simple_queue* q, simple_node* n) {
   ++q->free_count;
 }
 
-// Links `node` as the newest item and wakes one taker. Called locked.
+// Links `node` as the newest item and, unless told not to, wakes one taker
+// once the queue holds wake_at items. Called locked.
 void link_newest(simple_queue* q, simple_node* node, void* item, bool wake = true) {
   node->data = item;
   node->next = &q->anchor;
