@@ -88,11 +88,6 @@ inline i16x8 load8(const int16_t* p) {
   return v;
 }
 
-inline bool any_lane(i16x8 mask) {
-  const u64x2 m = (u64x2)mask;
-  return (m[0] | m[1]) != 0;
-}
-
 inline i16x8 max8(i16x8 a, i16x8 b) { return a > b ? a : b; }
 
 #if defined(__clang__)

@@ -181,9 +181,11 @@ __attribute__((target("avx2"))) void bilinear_channels_avx2(const bilinear_taps&
 // AVX-512BW: 32 channels per step, the same per 128-bit lane again; a last
 // 16 channels go through the AVX2 version. (GCC 12 warns about the
 // deliberately undefined upper parts inside its own AVX-512 intrinsics.)
+#if !defined(__clang__)
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wuninitialized"
 #pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
 __attribute__((target("avx512bw"))) void bilinear_channels_avx512(const bilinear_taps& t,
                                                                   unsigned channel, int16_t* out) {
   const bool stream = (reinterpret_cast<uintptr_t>(out) & 15) == 0;
@@ -225,7 +227,9 @@ __attribute__((target("avx512bw"))) void bilinear_channels_avx512(const bilinear
     bilinear_channels_avx2(rest, channel - c, out + c);
   }
 }
+#if !defined(__clang__)
 #pragma GCC diagnostic pop
+#endif
 #endif
 #else
 // Generic vectors: widen, multiply, add in unsigned 32-bit lanes (so that
