@@ -89,7 +89,7 @@ void pipeline_step(benchmark::State& state) {
   const uint32_t n = M < ctx->desc.pre_nms_num ? M : ctx->desc.pre_nms_num;
   ol::rpn_sort(&ctx->hist, ctx->rpn_cls_nopitch, ctx->desc.pre_nms_num, ctx->order_buf, M,
                ctx->desc.is_use_qsort, ctx->sort_scratch);
-  const int K = ol::rpn_decode(ctx, p.frame.bbox.data(), n, M);
+  const int K = ol::rpn_decode(ctx, p.frame.bbox.data(), n, n, M);
   for (auto _ : state) {
     switch (state.range(0)) {
       case 0:
@@ -100,12 +100,13 @@ void pipeline_step(benchmark::State& state) {
                      ctx->desc.is_use_qsort, ctx->sort_scratch);
         break;
       case 2:
-        benchmark::DoNotOptimize(ol::rpn_decode(ctx, p.frame.bbox.data(), n, M));
+        benchmark::DoNotOptimize(ol::rpn_decode(ctx, p.frame.bbox.data(), n, n, M));
         break;
       case 4: {  // the decode kernel alone, on this thread
         ol::rpn_decode_params dp = {ctx->anchors, p.frame.bbox.data(), ctx->rpn_cls_nopitch,
                                     ctx->order_rpn_index, 600, 1000, 38, 63, 64, 16, 9, 0,
-                                    false, &ctx->desc.bbox_scale_factor.center_x};
+                                    false, &ctx->desc.bbox_scale_factor.center_x,
+                                    ctx->exp_w, ctx->exp_h};
         uint32_t dropped = 0;
         benchmark::DoNotOptimize(
             ol::rpn_decode_batch(dp, ctx->detections, ctx->order_buf, n, &dropped));

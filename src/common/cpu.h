@@ -19,19 +19,21 @@ namespace ol {
 
 // What the processor supports, read once.
 struct cpu_features {
-  bool fma, avx2;
+  bool fma, avx2, avx512bw;
 };
 
 inline const cpu_features& cpu_detected() {
   static const cpu_features f = [] {
     __builtin_cpu_init();
-    return cpu_features{__builtin_cpu_supports("fma") != 0, __builtin_cpu_supports("avx2") != 0};
+    return cpu_features{__builtin_cpu_supports("fma") != 0, __builtin_cpu_supports("avx2") != 0,
+                        __builtin_cpu_supports("avx512bw") != 0};
   }();
   return f;
 }
 
 inline bool cpu_has_fma() { return cpu_detected().fma && !cpu_force_baseline; }
 inline bool cpu_has_avx2() { return cpu_detected().avx2 && !cpu_force_baseline; }
+inline bool cpu_has_avx512bw() { return cpu_detected().avx512bw && !cpu_force_baseline; }
 
 }  // namespace ol
 

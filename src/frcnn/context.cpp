@@ -73,6 +73,25 @@ bool alloc_hist(frcnn_context* ctx, uint64_t N) {
   return true;
 }
 
+// The decode's exponentials, one per 16-bit delta pattern. A refused
+// allocation is tolerated: the decode then calls expf itself.
+void alloc_exp_tables(frcnn_context* ctx) {
+  const frcnn_desc& d = ctx->desc;
+  const bool apply = d.is_apply_bbox_scale_factor;
+  const float sw = d.bbox_scale_factor.width, sh = d.bbox_scale_factor.height;
+  const bool shared = !apply || memcmp(&sw, &sh, sizeof sw) == 0;
+  const size_t entries = size_t{k_rpn_exp_entries} * (shared ? 1 : 2);
+  ctx->exp_w = static_cast<float*>(ol_malloc(entries * sizeof(float)));
+  if (ctx->exp_w == nullptr) return;
+  rpn_exp_table_fill(ctx->exp_w, apply, sw);
+  if (shared) {
+    ctx->exp_h = ctx->exp_w;
+  } else {
+    rpn_exp_table_fill(ctx->exp_w + k_rpn_exp_entries, apply, sh);
+    ctx->exp_h = ctx->exp_w + k_rpn_exp_entries;
+  }
+}
+
 bool alloc_buffers(frcnn_context* ctx, const float* base_anchors) {
   const frcnn_desc& d = ctx->desc;
   const uint64_t N = sat_mul(sat_mul(d.anchor_num, d.fmap_h), d.fmap_w);
@@ -108,6 +127,7 @@ bool alloc_buffers(frcnn_context* ctx, const float* base_anchors) {
   // on demand.
   thread_pool_prepare(ctx->pool, k_stage_tasks > k_class_nms_tasks ? k_stage_tasks : k_class_nms_tasks);
 
+  alloc_exp_tables(ctx);
   if (d.is_use_qsort) return true;
   return alloc_hist(ctx, N);
 }
@@ -174,12 +194,13 @@ void frcnn_release(frcnn_context* ctx) {
       reinterpret_cast<void**>(&ctx->order_rpn_index),   reinterpret_cast<void**>(&ctx->order_buf),
       reinterpret_cast<void**>(&ctx->sort_scratch),      reinterpret_cast<void**>(&ctx->nms_scratch),
       reinterpret_cast<void**>(&ctx->detections),        reinterpret_cast<void**>(&ctx->rpn_cls_nopitch),
-      reinterpret_cast<void**>(&ctx->anchors),
+      reinterpret_cast<void**>(&ctx->anchors),           reinterpret_cast<void**>(&ctx->exp_w),
   };
   for (void** b : buffers) {
     ol_free(*b);
     *b = nullptr;
   }
+  ctx->exp_h = nullptr;
   thread_pool_destroy(ctx->pool);
   ctx->pool = nullptr;
   pthread_mutex_destroy(&ctx->lock);

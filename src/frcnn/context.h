@@ -28,6 +28,12 @@ struct frcnn_context {
   uint32_t* sort_scratch;      // N, merge space of the comparison sort (is_use_qsort only)
   uint32_t* order_rpn_index;   // position index of each candidate
   float* rcnn_boxes;           // post_nms_num * class_num boxes of 4 floats
+  // expf of every width and height delta pattern, as the proposal and the
+  // head box decodes compute it (scale factors applied): 65,536 floats for
+  // the widths, then the heights' own 65,536 when their factor differs.
+  // NULL: the decodes call expf per box.
+  float* exp_w;
+  const float* exp_h;
 
   hist_tables hist;  // only allocated when is_use_qsort is 0
 

@@ -27,17 +27,36 @@ int prenms_nms(frcnn_context* ctx, half_float::half* rpn_cls, half_float::half* 
     puts("frcnn nms_out is NULL");
     return -1;
   }
-  const int K = prenms(ctx, rpn_cls, rpn_bbox, nullptr);
+  // The suppression counts are 16-bit: post_nms_num beyond 32767 cannot be
+  // reached, and a negative max_out would write nothing.
+  const auto max_out_of = [](const frcnn_context* c) {
+    const uint32_t post = c->desc.post_nms_num;
+    return post > 32767u ? 32767 : static_cast<int>(post);
+  };
+  // The proposals themselves are not handed out here, so the suppression
+  // runs while they are decoded and the decode stops once it has its boxes.
+  // The proposal count is then not known, so not with is_debug (which
+  // prints it); and not for more than 32767 proposals, whose count the
+  // suppression reads as a 16-bit number.
+  rpn_nms_request request = {half_bits_ptr(nms_out), 0.0f, 0, 0};
+  const bool fused = context_ready(ctx) && !ctx->desc.is_debug &&
+                     ctx->desc.pre_nms_num <= static_cast<uint32_t>(k_nms_max_count) &&
+                     max_out_of(ctx) > 0;
+  if (fused) {
+    request.iou = ctx->desc.pre_nms_iou;
+    request.max_out = max_out_of(ctx);
+  }
+  const int K = ctx == nullptr ? prenms(ctx, rpn_cls, rpn_bbox, nullptr)
+                               : frcnn_prenms(ctx, half_bits_ptr(rpn_cls), half_bits_ptr(rpn_bbox),
+                                              nullptr, fused ? &request : nullptr);
   if (K < 0) {
     puts("frcnn prenms err");
     return -1;
   }
   const uint32_t post = ctx->desc.post_nms_num;
-  // The suppression counts are 16-bit: post_nms_num beyond 32767 cannot be
-  // reached, and a negative max_out would write nothing.
-  const int max_out = post > 32767u ? 32767 : static_cast<int>(post);
-  const int R = nms_kernel(half_bits_ptr(nms_out), ctx->detections, K, ctx->desc.pre_nms_iou,
-                           max_out, ctx->nms_scratch);
+  const int R = fused ? request.kept
+                      : nms_kernel(half_bits_ptr(nms_out), ctx->detections, K,
+                                   ctx->desc.pre_nms_iou, max_out_of(ctx), ctx->nms_scratch);
   if (R < 0) {
     puts("frcnn nms err");
     return -1;
@@ -89,7 +108,7 @@ int post_nms(frcnn_context* ctx, half_float::half* rcnn_cls, half_float::half* r
   frcnn_rcnn_decode(ctx->pool, half_bits_ptr(nms_out), half_bits_ptr(rcnn_bbox), ctx->rcnn_boxes, d.img_h,
                     d.img_w, d.class_num, d.rcnn_bbox_pitch, roi_num, d.rcnn_bbox_share_location,
                     d.bbox_type, d.is_apply_bbox_scale_factor, &d.bbox_scale_factor.center_x,
-                    d.is_no_rcnn_bg_bbox);
+                    d.is_no_rcnn_bg_bbox, ctx->exp_w, ctx->exp_h);
   frcnn_rcnn_nms(ctx->pool, half_bits_ptr(rcnn_result), ctx->rcnn_boxes, half_bits_ptr(rcnn_cls),
                  d.class_num, roi_num, d.rcnn_cls_pitch, d.post_nms_num, d.is_no_rcnn_bg_bbox,
                  d.post_nms_iou, d.cls_prob, ctx->class_nms_scratch, ctx->class_nms_block);

@@ -60,6 +60,8 @@ struct rcnn_decode_task {
   uint32_t apply_scale_factor;
   const float* bbox_scale_factor;
   uint32_t no_bg_bbox;
+  const float* exp_w;  // see rcnn_bbox_decode
+  const float* exp_h;
   thread_task task;
   uint32_t index;
 };
@@ -69,17 +71,22 @@ int32_t rcnn_decode_task_func(void* record);
 // Decodes one proposal into its C slots (class_num, or class_num - 1 without
 // a background delta set; none when class_num is 0); 0, or -1 for an
 // unsupported bbox_type ("Unsupported bbox type: %u\n", nothing written).
+// exp_w and exp_h, when given, hold expf of every width and height delta
+// pattern as the decode computes it (scaled by the factors when they apply;
+// the context's tables, see frcnn_context), and replace the expf calls.
 int rcnn_bbox_decode(const uint16_t* proposal, const uint16_t* rcnn_bbox, float* boxes,
                      uint32_t img_h, uint32_t img_w, uint32_t class_num, uint32_t share_location,
                      uint32_t bbox_type, uint32_t apply_scale_factor,
-                     const float* bbox_scale_factor, uint32_t no_bg_bbox);
+                     const float* bbox_scale_factor, uint32_t no_bg_bbox,
+                     const float* exp_w = nullptr, const float* exp_h = nullptr);
 
 // Task records live in this call's frame (at most k_stage_tasks).
 void frcnn_rcnn_decode(thread_pool* pool, const uint16_t* nms_out,
                        const uint16_t* rcnn_bbox, float* rcnn_boxes, uint32_t img_h,
                        uint32_t img_w, uint32_t class_num, uint32_t rcnn_bbox_pitch, uint32_t n,
                        bool share_location, uint32_t bbox_type, bool apply_scale_factor,
-                       const float* bbox_scale_factor, bool no_bg_bbox);
+                       const float* bbox_scale_factor, bool no_bg_bbox,
+                       const float* exp_w = nullptr, const float* exp_h = nullptr);
 
 // ---- class suppression: exactly ten tasks over the classes ----------------
 constexpr uint32_t k_class_nms_tasks = 10;
@@ -96,7 +103,8 @@ struct class_nms_scratch {
   uint16_t* scores;      // n halves, by proposal
   float* areas;          // n, by proposal
   int32_t* order;        // n proposal numbers, by sorted position
-  int16_t* keys;         // n + 8 ordered score keys, by sorted position
+  int16_t* keys;         // n ordered score keys, by sorted position (padded to 16)
+  int16_t* block_max;    // the largest key of every 16, and 8 more entries
   float* coords;         // 4n: the rounded coordinates as floats
   int32_t* alive;        // n proposals still to be tested against kept boxes
   float* alive_box;      // 5 rows of alive_stride floats: x1 y1 x2 y2 area of

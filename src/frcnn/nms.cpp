@@ -3,8 +3,8 @@
 //
 // The kernel takes the boxes in input order, converting each to floats when
 // it reaches it: a box is kept when no kept box suppresses it, tested four
-// kept boxes at a time (kept boxes in structure-of-arrays floats x1, y1, x2,
-// y2, area) and stopping at the first hit. Only kept boxes ever suppress, so
+// (eight with AVX2) kept boxes at a time (kept boxes in structure-of-arrays
+// floats x1, y1, x2, y2, area) and stopping at the first hit. Only kept boxes ever suppress, so
 // this is the greedy result; it stops as soon as max_out boxes are kept, and
 // a suppressed box usually costs a few tests.
 //
@@ -28,24 +28,24 @@
 #include "brennik_opt_layers.h"
 #include "common/alloc.h"
 #include "common/box.h"
+#include "common/cpu.h"
 
 namespace ol {
 namespace {
 
 typedef float f32x4 __attribute__((vector_size(16)));
 typedef int32_t i32x4 __attribute__((vector_size(16)));
-typedef uint32_t u32x4 __attribute__((vector_size(16)));
+typedef float f32x8 __attribute__((vector_size(32)));
+typedef int32_t i32x8 __attribute__((vector_size(32)));
 
-// The box count is a signed 16-bit number: larger ints are reduced to their
-// low 16 bits, so 40000 examines nothing and 70000 examines 4464 boxes.
-inline int count16(int count) {
-  return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(count)));
+// Entries per scratch array: a test loads k_max_lanes entries from any
+// multiple of its width below the box count, so seven entries of slack
+// follow the boxes; rounding to eight keeps every array 32-byte aligned
+// relative to the scratch.
+constexpr size_t k_max_lanes = 8;
+inline size_t list_capacity(uint32_t n) {
+  return (static_cast<size_t>(n) + 2 * (k_max_lanes - 1)) & ~(k_max_lanes - 1);
 }
-
-// Entries per scratch array: the test loads four entries from
-// any list position below the box count, so three entries of slack follow
-// the boxes; rounding to four keeps every array 16-byte aligned.
-inline size_t list_capacity(uint32_t n) { return (static_cast<size_t>(n) + 3 + 3) & ~size_t{3}; }
 
 constexpr int k_arrays = 5;  // x1, y1, x2, y2, area
 
@@ -58,54 +58,121 @@ struct box_list {
   float* area;
 };
 
+// The box count is a signed 16-bit number: larger ints are reduced to their
+// low 16 bits, so 40000 examines nothing and 70000 examines 4464 boxes.
+inline int count16(int count) {
+  return static_cast<int16_t>(static_cast<uint16_t>(static_cast<uint32_t>(count)));
+}
+
 box_list carve(void* scratch, size_t cap) {
   float* f = static_cast<float*>(scratch);
   return box_list{f, f + cap, f + 2 * cap, f + 3 * cap, f + 4 * cap};
 }
 
-inline f32x4 loadf(const float* p) {
-  f32x4 v;
-  memcpy(&v, p, sizeof v);
-  return v;
-}
-inline f32x4 vmin(f32x4 a, f32x4 b) { return a < b ? a : b; }
-inline f32x4 vmax(f32x4 a, f32x4 b) { return a > b ? a : b; }
+inline void copy_box(uint16_t* out, const uint16_t* in) { memcpy(out, in, 4 * sizeof(uint16_t)); }
 
-// Bit l set when lane l of the comparison mask is set.
-inline unsigned lane_bits(i32x4 m) {
+// True when any lane of a comparison mask is set.
+inline bool any_lane(const i32x4& m) {
 #if defined(__SSE2__)
-  return static_cast<unsigned>(__builtin_ia32_movmskps(reinterpret_cast<f32x4>(m)));
+  return __builtin_ia32_movmskps(reinterpret_cast<f32x4>(m)) != 0;
 #elif defined(__aarch64__)
-  return vaddvq_u32(vandq_u32(reinterpret_cast<uint32x4_t>(m), uint32x4_t{1, 2, 4, 8}));
+  return vmaxvq_u32(reinterpret_cast<uint32x4_t>(m)) != 0;
 #else
-  const u32x4 b = reinterpret_cast<u32x4>(m) & u32x4{1, 2, 4, 8};
-  return b[0] | b[1] | b[2] | b[3];
+  uint64_t w[2];
+  memcpy(w, &m, sizeof w);
+  return (w[0] | w[1]) != 0;
 #endif
 }
-
-// The kept box, broadcast to all lanes, and the threshold.
-struct kept_box {
-  f32x4 x1, y1, x2, y2, area, thr;
-};
-
-// Lanes of list entries r..r+3 that box c suppresses (all ones), from the
-// overlap test above. Lanes past the end of the list read the slack and are
-// discarded by the callers (see tail_bits).
-inline i32x4 suppressed_lanes(const box_list& l, int r, const kept_box& c) {
-  const f32x4 zero = {0.0f, 0.0f, 0.0f, 0.0f};
-  const f32x4 one = {1.0f, 1.0f, 1.0f, 1.0f};
-  const f32x4 w = vmin(c.x2, loadf(l.x2 + r)) - vmax(c.x1, loadf(l.x1 + r)) + one;
-  const f32x4 h = vmin(c.y2, loadf(l.y2 + r)) - vmax(c.y1, loadf(l.y1 + r)) + one;
-  const f32x4 inter = w * h;
-  return ~(w <= zero) & ~(h <= zero) & ((c.area + loadf(l.area + r) - inter) * c.thr < inter);
+inline bool any_lane(const i32x8& m) {
+  return any_lane(i32x4{__builtin_shufflevector(m, m, 0, 1, 2, 3) |
+                        __builtin_shufflevector(m, m, 4, 5, 6, 7)});
 }
 
-// Lane bits of the entries r..r+3 that lie inside a list of `alive`.
-inline unsigned tail_bits(int r, int alive) {
-  return alive - r >= 4 ? 0xFu : (1u << (alive - r)) - 1;
+// The greedy scan on vectors of F (float lanes) with masks of I.
+//
+// A box is kept exactly when no earlier kept box suppresses it (only kept
+// boxes suppress), so each box in input order is tested against the kept
+// boxes, a vector of them at a time, stopping at the first that suppresses
+// it. The overlap test is symmetric in its two boxes (min, max, the area
+// sum), so this gives the greedy result, and the scan stops as soon as
+// max_out boxes are kept instead of testing every kept box against every
+// later one. A box is converted to float when the scan reaches it (the scan
+// usually stops long before the end of the list), and only kept boxes are
+// stored in the arrays. The last vector of a test also reads entries past
+// the kept ones: whenever a new vector's worth of entries is started, its
+// entries get zero corners and a NaN area, which never suppresses, so no
+// lane needs masking.
+//
+// The scan takes boxes [begin, end) with `kept` boxes already kept (a later
+// call goes on where an earlier one stopped) and returns the new count.
+template <typename F, typename I>
+__attribute__((always_inline)) inline int nms_scan(uint16_t* out, const uint16_t* in, int begin,
+                                                   int end, float iou_threshold, int max_out,
+                                                   const box_list& l, int kept) {
+  constexpr int L = sizeof(F) / sizeof(float);
+  const F zero = F{} + 0.0f, one = F{} + 1.0f, thr = F{} + iou_threshold;
+  if (kept >= max_out) return kept;
+  for (int j = begin; j < end; ++j) {
+    const uint16_t* b = in + static_cast<size_t>(j) * 5;
+    const float x1 = opt_layers_half::to_float(b[0]);
+    const float y1 = opt_layers_half::to_float(b[1]);
+    const float x2 = opt_layers_half::to_float(b[2]);
+    const float y2 = opt_layers_half::to_float(b[3]);
+    const float a = inclusive_size(x1, x2) * inclusive_size(y1, y2);
+    const F cx1 = F{} + x1, cy1 = F{} + y1, cx2 = F{} + x2, cy2 = F{} + y2, ca = F{} + a;
+    bool suppressed = false;
+    for (int r = 0; r < kept; r += L) {
+      F jx1, jy1, jx2, jy2, ja;
+      memcpy(&jx1, l.x1 + r, sizeof(F));
+      memcpy(&jy1, l.y1 + r, sizeof(F));
+      memcpy(&jx2, l.x2 + r, sizeof(F));
+      memcpy(&jy2, l.y2 + r, sizeof(F));
+      memcpy(&ja, l.area + r, sizeof(F));
+      // min and max as the comparisons the scalar test makes
+      const F w = (cx2 < jx2 ? cx2 : jx2) - (cx1 > jx1 ? cx1 : jx1) + one;
+      const F h = (cy2 < jy2 ? cy2 : jy2) - (cy1 > jy1 ? cy1 : jy1) + one;
+      const F inter = w * h;
+      const I hit = ~(w <= zero) & ~(h <= zero) & ((ca + ja - inter) * thr < inter);
+      if (any_lane(hit)) {
+        suppressed = true;
+        break;
+      }
+    }
+    if (suppressed) continue;
+    copy_box(out + static_cast<size_t>(kept) * 4, b);
+    if (kept % L == 0) {
+      float* const corners[4] = {l.x1, l.y1, l.x2, l.y2};
+      for (float* arr : corners) memset(arr + kept, 0, L * sizeof(float));
+      for (int k = 0; k < L; ++k) l.area[kept + k] = __builtin_nanf("");
+    }
+    l.x1[kept] = x1;
+    l.y1[kept] = y1;
+    l.x2[kept] = x2;
+    l.y2[kept] = y2;
+    l.area[kept] = a;
+    if (++kept == max_out) break;
+  }
+  return kept;
 }
 
-inline void copy_box(uint16_t* out, const uint16_t* in) { memcpy(out, in, 4 * sizeof(uint16_t)); }
+// Processors with AVX2 test eight kept boxes at a time (the same operations
+// per lane, so the same result).
+#if defined(OL_X86_DISPATCH)
+__attribute__((target("avx2"))) int nms_run_avx2(uint16_t* out, const uint16_t* in, int begin,
+                                                 int end, float thr, int max_out,
+                                                 const box_list& l, int kept) {
+  return nms_scan<f32x8, i32x8>(out, in, begin, end, thr, max_out, l, kept);
+}
+#endif
+
+int nms_run(uint16_t* out, const uint16_t* in, int begin, int end, float thr, int max_out,
+            const box_list& l, int kept) {
+#if defined(OL_X86_DISPATCH)
+  if (cpu_has_avx2()) return nms_run_avx2(out, in, begin, end, thr, max_out, l, kept);
+#endif
+  return nms_scan<f32x4, i32x4>(out, in, begin, end, thr, max_out, l, kept);
+}
+
 
 // Stack budget of the exported nms: list scratch up to this size lives in
 // its frame, larger lists go to the heap.
@@ -171,52 +238,16 @@ int nms_kernel(uint16_t* out, const uint16_t* in, int count, float iou_threshold
   if (count <= 0 || n <= 0 || max_out <= 0) return 0;
 
   const size_t cap = list_capacity(static_cast<uint32_t>(n));
-  const box_list l = carve(scratch, cap);
+  return nms_run(out, in, 0, n, iou_threshold, max_out, carve(scratch, cap), 0);
+}
 
-  // A box is kept exactly when no earlier kept box suppresses it (only kept
-  // boxes suppress), so each box in input order is tested against the kept
-  // boxes, four at a time, stopping at the first that suppresses it. The
-  // overlap test is symmetric in its two boxes (min, max, the area sum), so
-  // this gives the greedy result, and the scan stops as soon as max_out boxes
-  // are kept instead of testing every kept box against every later one. A
-  // box is converted to float when the scan reaches it (the scan usually
-  // stops long before the end of the list), and only kept boxes are stored
-  // in the arrays. The last vector of a test also reads up to three entries
-  // past the kept ones (its lanes ignored): each group of four entries is
-  // zeroed when its first entry is written, so that they have defined
-  // contents.
-  const f32x4 thr = {iou_threshold, iou_threshold, iou_threshold, iou_threshold};
-  int kept = 0;
-  for (int j = 0; j < n; ++j) {
-    const uint16_t* b = in + static_cast<size_t>(j) * 5;
-    const float x1 = opt_layers_half::to_float(b[0]);
-    const float y1 = opt_layers_half::to_float(b[1]);
-    const float x2 = opt_layers_half::to_float(b[2]);
-    const float y2 = opt_layers_half::to_float(b[3]);
-    const float a = inclusive_size(x1, x2) * inclusive_size(y1, y2);
-    const kept_box c = {f32x4{x1, x1, x1, x1}, f32x4{y1, y1, y1, y1}, f32x4{x2, x2, x2, x2},
-                        f32x4{y2, y2, y2, y2}, f32x4{a, a, a, a},   thr};
-    bool suppressed = false;
-    for (int r = 0; r < kept; r += 4) {
-      if (lane_bits(suppressed_lanes(l, r, c)) & tail_bits(r, kept)) {
-        suppressed = true;
-        break;
-      }
-    }
-    if (suppressed) continue;
-    copy_box(out + static_cast<size_t>(kept) * 4, b);
-    if (kept % 4 == 0) {
-      float* const arrays[k_arrays] = {l.x1, l.y1, l.x2, l.y2, l.area};
-      for (float* arr : arrays) memset(arr + kept, 0, 4 * sizeof(float));
-    }
-    l.x1[kept] = x1;
-    l.y1[kept] = y1;
-    l.x2[kept] = x2;
-    l.y2[kept] = y2;
-    l.area[kept] = a;
-    if (++kept == max_out) break;
-  }
-  return kept;
+int nms_resume(uint16_t* out, const uint16_t* in, int begin, int end, float iou_threshold,
+               int max_out, void* scratch, uint32_t capacity, int kept) {
+  if (begin >= end || max_out <= 0) return kept;
+  const size_t cap = list_capacity(capacity < static_cast<uint32_t>(k_nms_max_count)
+                                       ? capacity
+                                       : static_cast<uint32_t>(k_nms_max_count));
+  return nms_run(out, in, begin, end, iou_threshold, max_out, carve(scratch, cap), kept);
 }
 
 }  // namespace ol

@@ -7,7 +7,7 @@
 namespace ol {
 
 int frcnn_prenms(frcnn_context* ctx, const uint16_t* rpn_cls, const uint16_t* rpn_bbox,
-                 half_float::half** proposals) {
+                 half_float::half** proposals, rpn_nms_request* nms) {
   if (!context_ready(ctx)) {
     puts("opt_layers library is not inited");
     return -1;
@@ -27,10 +27,12 @@ int frcnn_prenms(frcnn_context* ctx, const uint16_t* rpn_cls, const uint16_t* rp
   int K = 0;
   if (n > 0) {
     // Only the numbers the sort wrote are decoded: the histogram walk can
-    // give fewer than n, and order_buf past them holds older entries.
-    const uint32_t sorted = rpn_sort(&ctx->hist, ctx->rpn_cls_nopitch, d.pre_nms_num,
+    // give fewer than n, and order_buf past them holds older entries. The
+    // walk is asked for the numbers the decode needs first; it resumes the
+    // walk for the others when it needs them.
+    const uint32_t sorted = rpn_sort(&ctx->hist, ctx->rpn_cls_nopitch, rpn_decode_head(n, nms),
                                      ctx->order_buf, M, d.is_use_qsort, ctx->sort_scratch);
-    K = rpn_decode(ctx, rpn_bbox, sorted < n ? sorted : n, M);
+    K = rpn_decode(ctx, rpn_bbox, sorted, n, M, nms);
   }
   pthread_mutex_unlock(&ctx->lock);
   // An unsupported bbox_type fails the stage (after the lock is released).

@@ -88,11 +88,6 @@ inline i16x8 load8(const int16_t* p) {
   return v;
 }
 
-inline bool any_lane(i16x8 mask) {
-  const u64x2 m = (u64x2)mask;
-  return (m[0] | m[1]) != 0;
-}
-
 inline i16x8 max8(i16x8 a, i16x8 b) { return a > b ? a : b; }
 
 #if defined(__clang__)
@@ -115,26 +110,60 @@ inline f32x4 load4(const float* p) {
   return v;
 }
 
+// Keys per block of the selection sort's block maxima.
+constexpr uint32_t k_key_block = 16;
+
+inline uint32_t key_blocks(uint32_t n) { return (n + k_key_block - 1) / k_key_block; }
+
+// Largest key of block b (16 keys).
+inline int16_t block_max(const int16_t* keys, uint32_t b) {
+  const int16_t* k = keys + b * k_key_block;
+  return hmax8(max8(load8(k), load8(k + 8)));
+}
+
 // Pass p of the selection sort over positions p .. n-1. The scalar form is
 //   q = p; for j in p+1 .. n-1: if score(order[q]) < score(order[j]) q = j;
 //   swap order[p], order[q]
 // which picks the first position holding the maximum of positions p+1 ..
 // n-1 when that maximum is above the key at p, and p otherwise. A NaN at p
 // compares false with everything, so it stays; a NaN elsewhere never wins.
-// keys[n .. n+7] hold k_nan_key so that the last load may run past n.
-void selection_pass(int16_t* keys, int32_t* order, uint32_t p, uint32_t n) {
+//
+// bmax[b] holds the largest key of block b (keys 16b .. 16b+15) for every
+// block after the one holding p+1, which is searched key by key: positions
+// up to p are never searched again, so the blocks before stay as they are.
+// keys are k_nan_key from n to the end of the last block and bmax from the
+// last block on for 8 more entries, so the loads may run past n.
+void selection_pass(int16_t* keys, int16_t* bmax, int32_t* order, uint32_t p, uint32_t n) {
   const int16_t cur = keys[p];
   if (cur == k_nan_key || p + 1 >= n) return;
-  i16x8 vmax = load8(keys + p + 1);
-  for (uint32_t j = p + 9; j < n; j += 8) vmax = max8(vmax, load8(keys + j));
-  const int16_t m = hmax8(vmax);
+  const uint32_t bp = (p + 1) / k_key_block, nb = key_blocks(n);
+  // The block of p+1 from p+1 on.
+  const int16_t* kb = keys + bp * k_key_block;
+  const int16_t first = static_cast<int16_t>(p + 1 - bp * k_key_block);
+  const i16x8 lane = {0, 1, 2, 3, 4, 5, 6, 7};
+  const i16x8 nan8 = i16x8{} + k_nan_key;
+  const i16x8 lo = load8(kb), hi = load8(kb + 8);
+  const i16x8 from = i16x8{} + first;
+  const int16_t m1 = hmax8(max8(lane >= from ? lo : nan8, lane + 8 >= from ? hi : nan8));
+  // The whole blocks after it.
+  i16x8 vmax = nan8;
+  for (uint32_t b = bp + 1; b < nb; b += 8) vmax = max8(vmax, load8(bmax + b));
+  const int16_t m2 = hmax8(vmax);
+  const int16_t m = m1 > m2 ? m1 : m2;
   if (m <= cur) return;
-  const i16x8 target = {m, m, m, m, m, m, m, m};
-  uint32_t q = p + 1;
-  while (!any_lane(load8(keys + q) == target)) q += 8;
-  while (keys[q] != m) ++q;
+  uint32_t q;
+  if (m1 == m) {
+    q = p + 1;
+    while (keys[q] != m) ++q;
+  } else {
+    uint32_t b = bp + 1;
+    while (bmax[b] != m) ++b;
+    q = b * k_key_block;
+    while (keys[q] != m) ++q;
+  }
   keys[q] = cur;
   keys[p] = m;
+  if (q / k_key_block > bp) bmax[q / k_key_block] = block_max(keys, q / k_key_block);
   const int32_t t = order[p];
   order[p] = order[q];
   order[q] = t;
@@ -210,7 +239,10 @@ uint32_t suppress_class(uint16_t* dets, const float* rcnn_boxes, const uint16_t*
     live += key_live(key, live_limit);
   }
   if (live == 0) return 0;
-  for (uint32_t i = n; i < n + 8; ++i) s.keys[i] = k_nan_key;
+  const uint32_t nb = key_blocks(n);
+  for (uint32_t i = n; i < nb * k_key_block; ++i) s.keys[i] = k_nan_key;
+  for (uint32_t b = 0; b < nb; ++b) s.block_max[b] = block_max(s.keys, b);
+  for (uint32_t b = nb; b < nb + 8; ++b) s.block_max[b] = k_nan_key;
 
   // Candidates of the entries that take part in the suppression, by
   // proposal and, as the alive list, in columns.
@@ -245,7 +277,7 @@ uint32_t suppress_class(uint16_t* dets, const float* rcnn_boxes, const uint16_t*
   uint32_t pos = 0;
   int16_t remaining = static_cast<int16_t>(n);
   uint32_t count = 0;
-  selection_pass(s.keys, s.order, 0, n);
+  selection_pass(s.keys, s.block_max, s.order, 0, n);
   while (remaining > 0 && count < post_nms_num) {
     const int32_t h = s.order[pos];
     if (!key_live(s.keys[pos], live_limit)) break;
@@ -312,7 +344,7 @@ uint32_t suppress_class(uint16_t* dets, const float* rcnn_boxes, const uint16_t*
     ++pos;
     --remaining;
     while (remaining > 0) {
-      selection_pass(s.keys, s.order, pos, n);
+      selection_pass(s.keys, s.block_max, s.order, pos, n);
       if (!s.dead[s.order[pos]]) break;
       ++pos;
       --remaining;
@@ -328,8 +360,10 @@ uint32_t class_nms_scratch_bytes(uint32_t n) {
   const size_t m4 = (m + 3) & ~static_cast<size_t>(3);
   const size_t bytes = 16 + align16(m * 5 * sizeof(uint16_t)) + align16(m * sizeof(uint16_t)) +
                        align16(m * sizeof(float)) + align16(m * sizeof(int32_t)) +
-                       align16((m + 8) * sizeof(int16_t)) + align16(m * 4 * sizeof(float)) +
-                       align16(m * sizeof(int32_t)) + align16(5 * m4 * sizeof(float)) + align16(m);
+                       align16(key_blocks(m) * k_key_block * sizeof(int16_t)) +
+                       align16((key_blocks(m) + 8) * sizeof(int16_t)) +
+                       align16(m * 4 * sizeof(float)) + align16(m * sizeof(int32_t)) +
+                       align16(5 * m4 * sizeof(float)) + align16(m);
   return static_cast<uint32_t>(bytes);
 }
 
@@ -346,7 +380,8 @@ class_nms_scratch class_nms_scratch_at(void* block, uint32_t n) {
   s.scores = static_cast<uint16_t*>(take(m * sizeof(uint16_t)));
   s.areas = static_cast<float*>(take(m * sizeof(float)));
   s.order = static_cast<int32_t*>(take(m * sizeof(int32_t)));
-  s.keys = static_cast<int16_t*>(take((m + 8) * sizeof(int16_t)));
+  s.keys = static_cast<int16_t*>(take(key_blocks(m) * k_key_block * sizeof(int16_t)));
+  s.block_max = static_cast<int16_t*>(take((key_blocks(m) + 8) * sizeof(int16_t)));
   s.coords = static_cast<float*>(take(m * 4 * sizeof(float)));
   s.alive = static_cast<int32_t*>(take(m * sizeof(int32_t)));
   s.alive_stride = static_cast<uint32_t>((m + 3) & ~static_cast<size_t>(3));

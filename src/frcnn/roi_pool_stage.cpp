@@ -100,13 +100,14 @@ void frcnn_roi_pool(thread_pool* pool, const uint16_t* nms_out,
   // were.
   uint32_t accepted = 0;
   for (uint32_t k = 0; k < count; ++k) {
-    if (thread_pool_add_task(pool, &records[k].task) == 0) {
+    if (thread_pool_add_task(pool, &records[k].task, false) == 0) {
       ++accepted;
     } else {
       for (uint32_t i = records[k].begin; i < records[k].end; ++i) puts("fatal: add task fail");
     }
   }
-  for (uint32_t k = 0; k < accepted; ++k) thread_pool_wait(pool);
+  thread_pool_wake(pool, accepted);
+  thread_pool_wait_many(pool, accepted);
 }
 
 }  // namespace ol

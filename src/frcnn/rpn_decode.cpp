@@ -4,15 +4,19 @@
 // The kernel decodes four candidates at a time: their anchors and deltas
 // are gathered into lanes, the arithmetic runs on 4-lane vectors (the same
 // single and double precision operations, in the same order, as the plain
-// formulation kept with the tests), and only expf stays a scalar call per
-// lane. Records are written branch-free: every lane is stored at the write
-// position, which advances only for a kept candidate.
+// formulation kept with the tests). The two exponentials of a candidate are
+// looked up by delta pattern in tables the context fills once with expf
+// (a delta is a half, so there are 65,536 possible arguments); without
+// tables expf is called per lane. Records are written branch-free: every
+// lane is stored at the write position, which advances only for a kept
+// candidate.
 #include <math.h>
 #include <stdio.h>
 #include <string.h>
 
 #include "common/box.h"
 #include "common/cpu.h"
+#include "frcnn/nms.h"
 #include "frcnn/rpn_stage.h"
 
 #if defined(__aarch64__)
@@ -148,6 +152,8 @@ __attribute__((always_inline)) inline uint32_t decode_body(const rpn_decode_para
   const size_t ox = p.bbox_type == 0 ? 0 : plane, oy = plane - ox;
   const size_t ow = p.bbox_type == 0 ? 2 * plane : 3 * plane, oh = 5 * plane - ow;
   const f32x4 one = splat(1.0f);
+  const float* const exp_w = p.exp_w;
+  const float* const exp_h = p.exp_h;
   uint32_t kept = 0;
   for (uint32_t k = 0; k < count; k += k_lanes) {
     const uint32_t lanes = count - k < k_lanes ? count - k : k_lanes;
@@ -181,17 +187,28 @@ __attribute__((always_inline)) inline uint32_t decode_body(const rpn_decode_para
     const f32x4 ha = ay2 - ay1 + one;
 
     f32x4 dx = half_to_float4(hx), dy = half_to_float4(hy);
-    f32x4 dw = half_to_float4(hw), dh = half_to_float4(hh);
     if (p.apply_scale) {
       dx = dx * splat(p.bbox_scale_factor[0]);
       dy = dy * splat(p.bbox_scale_factor[1]);
-      dw = dw * splat(p.bbox_scale_factor[2]);
-      dh = dh * splat(p.bbox_scale_factor[3]);
     }
-    f32x4 ew = {}, eh = {};
-    for (uint32_t j = 0; j < lanes; ++j) {
-      ew[j] = expf(dw[j]);
-      eh[j] = expf(dh[j]);
+    f32x4 ew, eh;
+    if (exp_w != nullptr) {
+      // Unused lanes hold pattern 0, which is in the table as well.
+      for (uint32_t j = 0; j < k_lanes; ++j) {
+        ew[j] = exp_w[hw[j]];
+        eh[j] = exp_h[hh[j]];
+      }
+    } else {
+      f32x4 dw = half_to_float4(hw), dh = half_to_float4(hh);
+      if (p.apply_scale) {
+        dw = dw * splat(p.bbox_scale_factor[2]);
+        dh = dh * splat(p.bbox_scale_factor[3]);
+      }
+      ew = eh = f32x4{};
+      for (uint32_t j = 0; j < lanes; ++j) {
+        ew[j] = expf(dw[j]);
+        eh[j] = expf(dh[j]);
+      }
     }
     const f32x4 pw = wa * ew;
     const f32x4 ph = ha * eh;
@@ -266,12 +283,86 @@ bool bbox_type_supported(uint32_t bbox_type) {
   return false;
 }
 
-// The first batch is cut into runs of at least k_decode_run candidates, at
-// most k_decode_tasks of them (the count depends on the batch alone).
+// A part of the first batch is cut into runs of at least k_decode_run
+// candidates, at most k_decode_tasks of them (the count depends on the part
+// alone).
 constexpr uint32_t k_decode_tasks = 4;
 constexpr uint32_t k_decode_run = 64;
 
+// Candidates of the first part when the decode feeds a suppression of
+// max_out boxes: k_nms_head_per_box per box wanted, at least k_nms_head_min.
+// (On the VGG16 frame the suppression keeps its 300 boxes among the first
+// 1,000 proposals.)
+constexpr uint32_t k_nms_head_per_box = 4;
+constexpr uint32_t k_nms_head_min = 1024;
+
+// Decodes order_buf[begin, end) of the first batch as up to max_parts
+// (<= k_decode_tasks) runs on the pool (a
+// refused run is decoded here; the first refusal of the batch prints the
+// one line, *reported), each run writing its kept records from the start of
+// its own span of detections; the spans are then closed up after the *K
+// records already there, so the records are those of one serial pass.
+void decode_on_pool(frcnn_context* ctx, const rpn_decode_params& p, uint32_t begin, uint32_t end,
+                    uint32_t max_parts, uint32_t* K, bool* reported) {
+  const uint32_t n = end - begin;
+  uint32_t parts = (n + k_decode_run - 1) / k_decode_run;
+  parts = parts < 1 ? 1 : parts > max_parts ? max_parts : parts;
+  decode_task runs[k_decode_tasks];
+  for (uint32_t k = 0; k < parts; ++k) {
+    uint32_t b, e;
+    split_range(n, parts, k, &b, &e);
+    decode_task& t = runs[k];
+    t.params = &p;
+    t.out = ctx->detections + static_cast<size_t>(begin + b) * 5;
+    t.order = ctx->order_buf + begin + b;
+    t.count = e - b;
+    t.dropped = 0;
+    t.task.func = decode_task_func;
+    t.task.arg = &t;
+    t.task.retval = 0;
+  }
+  dispatch_tasks(ctx->pool, runs, parts, on_refused::run_inline_report_once, reported);
+  for (uint32_t k = 0; k < parts; ++k) {
+    const uint32_t kept = runs[k].count - runs[k].dropped;
+    uint16_t* to = ctx->detections + static_cast<size_t>(*K) * 5;
+    if (to != runs[k].out) memmove(to, runs[k].out, size_t{kept} * 5 * sizeof(uint16_t));
+    *K += kept;
+  }
+}
+
+// Hands the proposals to the suppression as they are completed, in order.
+class proposal_feed {
+ public:
+  proposal_feed(frcnn_context* ctx, rpn_nms_request* nms) : ctx_(ctx), nms_(nms) {
+    if (nms_ != nullptr) nms_->kept = 0;
+  }
+  // Suppresses the records [fed, K); true when the suppression has all the
+  // boxes it can keep, so that the decode may stop.
+  bool done(uint32_t K) {
+    if (nms_ == nullptr) return false;
+    const uint32_t cap = ctx_->desc.pre_nms_num;
+    nms_->kept = nms_resume(nms_->out, ctx_->detections, static_cast<int>(fed_),
+                            static_cast<int>(K), nms_->iou, nms_->max_out, ctx_->nms_scratch,
+                            cap, nms_->kept);
+    fed_ = K;
+    return nms_->kept >= nms_->max_out;
+  }
+
+ private:
+  frcnn_context* ctx_;
+  rpn_nms_request* nms_;
+  uint32_t fed_ = 0;
+};
+
 }  // namespace
+
+void rpn_exp_table_fill(float* t, bool apply_scale, float scale) {
+  for (uint32_t h = 0; h < k_rpn_exp_entries; ++h) {
+    float v = opt_layers_half::to_float(static_cast<uint16_t>(h));
+    if (apply_scale) v = v * scale;
+    t[h] = expf(v);
+  }
+}
 
 int rpn_decode_batch(const rpn_decode_params& p, uint16_t* out, const uint32_t* order,
                      uint32_t count, uint32_t* dropped) {
@@ -284,7 +375,15 @@ int rpn_decode_batch(const rpn_decode_params& p, uint16_t* out, const uint32_t* 
   return 0;
 }
 
-int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_t M) {
+uint32_t rpn_decode_head(uint32_t n, const rpn_nms_request* nms) {
+  if (nms == nullptr) return n;
+  const uint64_t head = uint64_t{k_nms_head_per_box} * static_cast<uint32_t>(nms->max_out);
+  const uint64_t first = head < k_nms_head_min ? k_nms_head_min : head;
+  return first < n ? static_cast<uint32_t>(first) : n;
+}
+
+int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t ready, uint32_t n,
+               uint32_t M, rpn_nms_request* nms) {
   const frcnn_desc& d = ctx->desc;
   rpn_decode_params p;
   p.anchors = ctx->anchors;
@@ -301,37 +400,33 @@ int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_
   p.bbox_type = d.bbox_type;
   p.apply_scale = d.is_apply_bbox_scale_factor;
   p.bbox_scale_factor = &d.bbox_scale_factor.center_x;
+  p.exp_w = ctx->exp_w;
+  p.exp_h = ctx->exp_h;
   const bool use_qsort = d.is_use_qsort;
   if (n > 0 && !bbox_type_supported(p.bbox_type)) return -1;
 
-  // First batch: runs of consecutive candidates on the pool (a refused run
-  // is decoded here, and refusals print one line for the whole batch), each
-  // writing its kept records from the start of its own span of detections;
-  // the spans are then closed up in order, so the records are those of one
-  // serial pass.
-  uint32_t parts = (n + k_decode_run - 1) / k_decode_run;
-  parts = parts < 1 ? 1 : parts > k_decode_tasks ? k_decode_tasks : parts;
-  decode_task runs[k_decode_tasks];
-  for (uint32_t k = 0; k < parts; ++k) {
-    uint32_t begin, end;
-    split_range(n, parts, k, &begin, &end);
-    decode_task& t = runs[k];
-    t.params = &p;
-    t.out = ctx->detections + static_cast<size_t>(begin) * 5;
-    t.order = ctx->order_buf + begin;
-    t.count = end - begin;
-    t.dropped = 0;
-    t.task.func = decode_task_func;
-    t.task.arg = &t;
-    t.task.retval = 0;
-  }
-  dispatch_tasks(ctx->pool, runs, parts, on_refused::run_inline_report_once);
+  // The first batch [0, n) is decoded on the pool. With a suppression to
+  // feed, its first part goes alone, and the rest only when the suppression
+  // needs more boxes.
   uint32_t K = 0;
-  for (uint32_t k = 0; k < parts; ++k) {
-    const uint32_t kept = runs[k].count - runs[k].dropped;
-    uint16_t* to = ctx->detections + static_cast<size_t>(K) * 5;
-    if (to != runs[k].out) memmove(to, runs[k].out, size_t{kept} * 5 * sizeof(uint16_t));
-    K += kept;
+  bool reported = false;
+  proposal_feed feed(ctx, nms);
+  if (ready > n) ready = n;
+  const uint32_t head = rpn_decode_head(n, nms);
+  const uint32_t first = head < ready ? head : ready;
+  // The first part of a decode that feeds the suppression is small (about
+  // 20 us of work on the VGG16 frame): it goes as one task, since waking a
+  // second worker would cost the caller more than the worker saves.
+  decode_on_pool(ctx, p, 0, first, head < n ? 1 : k_decode_tasks, &K, &reported);
+  if (feed.done(K)) return static_cast<int>(K);
+  // The histogram walk resumes for the numbers not sorted yet (and gives
+  // fewer when the candidates run out).
+  if (ready < n && !use_qsort)
+    ready += hist_walk(ctx->order_buf + ready, n - ready, &ctx->hist, false);
+  n = ready;
+  if (first < n) {
+    decode_on_pool(ctx, p, first, n, k_decode_tasks, &K, &reported);
+    if (feed.done(K)) return static_cast<int>(K);
   }
 
   uint32_t d_count = n - K;
@@ -350,6 +445,7 @@ int rpn_decode(frcnn_context* ctx, const uint16_t* rpn_bbox, uint32_t n, uint32_
     next += b;
     remaining -= b;
     d_count = dropped;
+    if (feed.done(K)) break;
   }
   return static_cast<int>(K);
 }

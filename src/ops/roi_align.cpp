@@ -141,8 +141,15 @@ void bilinear_channels_sse2(const bilinear_taps& t, unsigned channel, int16_t* o
 }
 
 #if defined(OL_X86_DISPATCH)
+// The AVX2 version writes a 16-byte aligned output with streaming stores:
+// the operators write many MiB that nothing reads back meanwhile, and
+// without the line fills of ordinary stores the memory traffic is lower
+// (roi_align_fmap_int16 about 12 % and roi_align_four_fmap_int16 about 7 %
+// less time on the benchmark machine). bilinear_i16_vector_done orders them
+// before the operator returns.
 __attribute__((target("avx2"))) void bilinear_channels_avx2(const bilinear_taps& t,
                                                             unsigned channel, int16_t* out) {
+  const bool stream = (reinterpret_cast<uintptr_t>(out) & 15) == 0;
   const int16_t* const p00 = t.p00;
   const int16_t* const p01 = t.p01;
   const int16_t* const p10 = t.p10;
@@ -161,9 +168,68 @@ __attribute__((target("avx2"))) void bilinear_channels_avx2(const bilinear_taps&
                                   _mm256_madd_epi16(_mm256_unpackhi_epi16(d0, d1), bottom));
     lo = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_add_epi32(lo, round), 3), 16);
     hi = _mm256_srai_epi32(_mm256_slli_epi32(_mm256_add_epi32(hi, round), 3), 16);
-    _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + c), _mm256_packs_epi32(lo, hi));
+    const __m256i r = _mm256_packs_epi32(lo, hi);
+    if (stream) {
+      _mm_stream_si128(reinterpret_cast<__m128i*>(out + c), _mm256_castsi256_si128(r));
+      _mm_stream_si128(reinterpret_cast<__m128i*>(out + c + 8), _mm256_extracti128_si256(r, 1));
+    } else {
+      _mm256_storeu_si256(reinterpret_cast<__m256i*>(out + c), r);
+    }
   }
 }
+
+// AVX-512BW: 32 channels per step, the same per 128-bit lane again; a last
+// 16 channels go through the AVX2 version. (GCC 12 warns about the
+// deliberately undefined upper parts inside its own AVX-512 intrinsics.)
+#if !defined(__clang__)
+#pragma GCC diagnostic push
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+__attribute__((target("avx512bw"))) void bilinear_channels_avx512(const bilinear_taps& t,
+                                                                  unsigned channel, int16_t* out) {
+  const bool stream = (reinterpret_cast<uintptr_t>(out) & 15) == 0;
+  const int16_t* const p00 = t.p00;
+  const int16_t* const p01 = t.p01;
+  const int16_t* const p10 = t.p10;
+  const int16_t* const p11 = t.p11;
+  const __m512i top = _mm512_broadcast_i32x4(weight_pair(t.w00, t.w01));
+  const __m512i bottom = _mm512_broadcast_i32x4(weight_pair(t.w10, t.w11));
+  const __m512i round = _mm512_set1_epi32(4096);
+  unsigned c = 0;
+  for (; c + 32 <= channel; c += 32) {
+    const __m512i a = _mm512_loadu_si512(p00 + c);
+    const __m512i b = _mm512_loadu_si512(p01 + c);
+    const __m512i d0 = _mm512_loadu_si512(p10 + c);
+    const __m512i d1 = _mm512_loadu_si512(p11 + c);
+    __m512i lo = _mm512_add_epi32(_mm512_madd_epi16(_mm512_unpacklo_epi16(a, b), top),
+                                  _mm512_madd_epi16(_mm512_unpacklo_epi16(d0, d1), bottom));
+    __m512i hi = _mm512_add_epi32(_mm512_madd_epi16(_mm512_unpackhi_epi16(a, b), top),
+                                  _mm512_madd_epi16(_mm512_unpackhi_epi16(d0, d1), bottom));
+    lo = _mm512_srai_epi32(_mm512_slli_epi32(_mm512_add_epi32(lo, round), 3), 16);
+    hi = _mm512_srai_epi32(_mm512_slli_epi32(_mm512_add_epi32(hi, round), 3), 16);
+    const __m512i r = _mm512_packs_epi32(lo, hi);
+    if (stream) {
+      _mm_stream_si128(reinterpret_cast<__m128i*>(out + c), _mm512_castsi512_si128(r));
+      _mm_stream_si128(reinterpret_cast<__m128i*>(out + c + 8), _mm512_extracti32x4_epi32(r, 1));
+      _mm_stream_si128(reinterpret_cast<__m128i*>(out + c + 16), _mm512_extracti32x4_epi32(r, 2));
+      _mm_stream_si128(reinterpret_cast<__m128i*>(out + c + 24), _mm512_extracti32x4_epi32(r, 3));
+    } else {
+      _mm512_storeu_si512(out + c, r);
+    }
+  }
+  if (c < channel) {
+    bilinear_taps rest = t;
+    rest.p00 += c;
+    rest.p01 += c;
+    rest.p10 += c;
+    rest.p11 += c;
+    bilinear_channels_avx2(rest, channel - c, out + c);
+  }
+}
+#if !defined(__clang__)
+#pragma GCC diagnostic pop
+#endif
 #endif
 #else
 // Generic vectors: widen, multiply, add in unsigned 32-bit lanes (so that
@@ -217,6 +283,10 @@ inline void bilinear16(const int16_t* p00, const int16_t* p01, const int16_t* p1
 void bilinear_i16_vector(const bilinear_taps& t, unsigned channel, int16_t* out) {
 #if defined(__SSE2__) && !defined(__aarch64__)
 #if defined(OL_X86_DISPATCH)
+  if (cpu_has_avx512bw()) {
+    bilinear_channels_avx512(t, channel, out);
+    return;
+  }
   if (cpu_has_avx2()) {
     bilinear_channels_avx2(t, channel, out);
     return;
@@ -237,6 +307,12 @@ void bilinear_i16_vector(const bilinear_taps& t, unsigned channel, int16_t* out)
     p10 += 16;
     p11 += 16;
   }
+#endif
+}
+
+void bilinear_i16_vector_done() {
+#if defined(OL_X86_DISPATCH)
+  if (cpu_has_avx2()) _mm_sfence();
 #endif
 }
 
@@ -381,6 +457,7 @@ struct vector_kernel {
   static void run(const bilinear_taps& t, unsigned channel, int16_t* out) {
     bilinear_i16_vector(t, channel, out);
   }
+  static void done() { bilinear_i16_vector_done(); }
 };
 
 struct scalar_kernel {
@@ -393,6 +470,7 @@ struct scalar_kernel {
   static void run(const bilinear_taps& t, unsigned channel, int16_t* out) {
     bilinear_i16_scalar(t, channel, out);
   }
+  static void done() {}
 };
 
 void fill_i16(int16_t* out, size_t count, int16_t v) {
@@ -526,7 +604,30 @@ int roi_align_one(short* fmap, unsigned fmap_scale, float* proposal, unsigned ro
     align_box<K>(fmap, fmap_scale, fmap_w, fmap_h, proposal + 4 * static_cast<size_t>(r), pool_w,
                  pool_h, channel, roi_result + per_box * r);
   }
+  K::done();
   return 0;
+}
+
+// roi_align_four_fmap_int16 takes its boxes in chunks of k_level_chunk
+// and, within a chunk, by level and then by band of the image rows their
+// top edge lies in (k_row_bands bands), so that one map at a time is read,
+// and boxes that share map rows follow one another while those rows are in
+// cache. Every box writes only its own output, so the order changes no
+// result. Sorting a chunk takes about 3 KiB of stack.
+constexpr unsigned k_level_chunk = 1024;
+constexpr unsigned k_row_bands = 16;
+
+// The group of a box: level * k_row_bands + band of y1 (NaN and negative
+// values in band 0, beyond the image in the last).
+inline unsigned box_group(const float* box, unsigned level, float bands_per_row) {
+  const float f = box[1] * bands_per_row;
+  unsigned band = 0;
+  if (f >= static_cast<float>(k_row_bands - 1)) {
+    band = k_row_bands - 1;
+  } else if (f > 0.0f) {
+    band = static_cast<unsigned>(f);
+  }
+  return level * k_row_bands + band;
 }
 
 template <class K>
@@ -556,13 +657,34 @@ int roi_align_four(short** fmap, unsigned* fmap_scale, float* proposal, unsigned
   }
   if (!align_args_ok(proposal, channel, roi_result)) return -1;
   const size_t per_box = static_cast<size_t>(pool_w) * pool_h * channel;
-  for (unsigned r = 0; r < roi_num; ++r) {
-    const float* box = proposal + 4 * static_cast<size_t>(r);
-    const unsigned k = roi_align_level(box[0], box[1], box[2], box[3]);
-    const unsigned s = scales[k];
-    align_box<K>(maps[k], s, img_w / s, img_h / s, box, pool_w, pool_h, channel,
-                 roi_result + per_box * r);
+  // Boxes are taken in chunks, and within a chunk level by level, so that
+  // one map at a time is read while it is in cache (every box writes only
+  // its own output, so the order changes no result).
+  constexpr unsigned k_groups = 3 * k_row_bands;
+  const float bands_per_row = static_cast<float>(k_row_bands) / static_cast<float>(img_h);
+  for (unsigned r0 = 0; r0 < roi_num; r0 += k_level_chunk) {
+    const unsigned nr = roi_num - r0 < k_level_chunk ? roi_num - r0 : k_level_chunk;
+    // Counting sort of the chunk's boxes by group.
+    uint8_t group[k_level_chunk];
+    uint16_t order[k_level_chunk];
+    unsigned start[k_groups + 1] = {};
+    for (unsigned i = 0; i < nr; ++i) {
+      const float* box = proposal + 4 * static_cast<size_t>(r0 + i);
+      const unsigned k = roi_align_level(box[0], box[1], box[2], box[3]);
+      group[i] = static_cast<uint8_t>(box_group(box, k, bands_per_row));
+      ++start[group[i] + 1];
+    }
+    for (unsigned g = 0; g < k_groups; ++g) start[g + 1] += start[g];
+    for (unsigned i = 0; i < nr; ++i) order[start[group[i]]++] = static_cast<uint16_t>(i);
+    for (unsigned j = 0; j < nr; ++j) {
+      const unsigned r = r0 + order[j];
+      const unsigned k = group[order[j]] / k_row_bands;
+      const unsigned s = scales[k];
+      align_box<K>(maps[k], s, img_w / s, img_h / s, proposal + 4 * static_cast<size_t>(r),
+                   pool_w, pool_h, channel, roi_result + per_box * r);
+    }
   }
+  K::done();
   return 0;
 }
 
@@ -612,6 +734,7 @@ int crop_and_resize(short* fmap, float scale_x, float scale_y, float extrapolati
     p.ys = crop_axis(box[1], box[3], scale_y, fmap_h, crop_h);
     resample_box<K, true>(p, extr, out);
   }
+  K::done();
   return 0;
 }
 

@@ -28,6 +28,10 @@ struct bilinear_taps {
 // The sum wraps modulo 2^32 when the weights are extreme; the low 16 bits of
 // the result are the same as with an exact sum.
 void bilinear_i16_vector(const bilinear_taps& t, unsigned channel, int16_t* out);
+// Makes the stores of earlier bilinear_i16_vector calls globally visible in
+// order (some versions write with streaming stores); an operator calls it
+// once before it returns.
+void bilinear_i16_vector_done();
 void bilinear_i16_scalar(const bilinear_taps& t, unsigned channel, int16_t* out);
 
 // Q13 weight from the float product of a column and a row weight: truncated

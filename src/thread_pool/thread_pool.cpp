@@ -15,6 +15,7 @@ simple_queue* simple_queue_create() {
     return nullptr;
   }
   q->size = 0;
+  q->wake_at = 0;
   q->anchor.next = &q->anchor;
   q->anchor.prev = &q->anchor;
   q->free_nodes = nullptr;
@@ -56,20 +57,23 @@ void push_free(simple_queue* q, simple_node* n) {
   ++q->free_count;
 }
 
-// Links `node` as the newest item and wakes one taker. Called locked.
-void link_newest(simple_queue* q, simple_node* node, void* item) {
+// Links `node` as the newest item and, unless told not to, wakes one taker
+// once the queue holds wake_at items. Called locked.
+void link_newest(simple_queue* q, simple_node* node, void* item, bool wake = true) {
   node->data = item;
   node->next = &q->anchor;
   node->prev = q->anchor.prev;
   q->anchor.prev->next = node;
   q->anchor.prev = node;
   ++q->size;
-  pthread_cond_signal(&q->not_empty);
+  if (wake && q->size >= q->wake_at) pthread_cond_signal(&q->not_empty);
 }
 
 }  // namespace
 
-int simple_queue_put(simple_queue* q, void* item) {
+int simple_queue_put(simple_queue* q, void* item) { return simple_queue_put_quiet(q, item, true); }
+
+int simple_queue_put_quiet(simple_queue* q, void* item, bool wake) {
   pthread_mutex_lock(&q->mutex);
   simple_node* node;
   // Free nodes beyond the reserved ones may be used by an ordinary put.
@@ -83,9 +87,20 @@ int simple_queue_put(simple_queue* q, void* item) {
       return -1;
     }
   }
-  link_newest(q, node, item);
+  link_newest(q, node, item, wake);
   pthread_mutex_unlock(&q->mutex);
   return 0;
+}
+
+void simple_queue_wake(simple_queue* q, uint32_t items) {
+  if (items == 0) return;
+  pthread_mutex_lock(&q->mutex);
+  if (items == 1) {
+    pthread_cond_signal(&q->not_empty);
+  } else {
+    pthread_cond_broadcast(&q->not_empty);
+  }
+  pthread_mutex_unlock(&q->mutex);
 }
 
 // Allocates free nodes until `count` of them are not promised to reserved
@@ -130,9 +145,15 @@ int simple_queue_grow(simple_queue* q, uint32_t count) {
   return ok ? 0 : -1;
 }
 
-void* simple_queue_take(simple_queue* q) {
+void* simple_queue_take(simple_queue* q) { return simple_queue_take_at_least(q, 1); }
+
+void* simple_queue_take_at_least(simple_queue* q, uint32_t count) {
   pthread_mutex_lock(&q->mutex);
-  while (q->size == 0) pthread_cond_wait(&q->not_empty, &q->mutex);
+  if (q->size < count) {
+    q->wake_at = count;
+    while (q->size < count) pthread_cond_wait(&q->not_empty, &q->mutex);
+    q->wake_at = 0;
+  }
   simple_node* oldest = q->anchor.next;
   if (oldest == &q->anchor) {
     puts("fatal error: corruptted queue.");
@@ -242,6 +263,14 @@ thread_pool* thread_pool_create(uint32_t thread_count) {
 }
 
 int thread_pool_add_task(thread_pool* pool, thread_task* task) {
+  return thread_pool_add_task(pool, task, true);
+}
+
+void thread_pool_wake(thread_pool* pool, uint32_t queued) {
+  if (pool_usable(pool)) simple_queue_wake(pool->task_queue, queued);
+}
+
+int thread_pool_add_task(thread_pool* pool, thread_task* task, bool wake) {
   // A NULL task is refused: queued, it would be taken for a stop item and
   // end a worker.
   if (!pool_usable(pool) || task == nullptr) {
@@ -252,7 +281,7 @@ int thread_pool_add_task(thread_pool* pool, thread_task* task) {
   // an accepted task can never be lost; a task that cannot get both nodes is
   // refused instead.
   if (simple_queue_reserve(pool->done_queue) != 0) return -1;
-  if (simple_queue_put(pool->task_queue, task) != 0) {
+  if (simple_queue_put_quiet(pool->task_queue, task, wake) != 0) {
     simple_queue_unreserve(pool->done_queue);
     return -1;
   }
@@ -265,6 +294,15 @@ thread_task* thread_pool_wait(thread_pool* pool) {
     return nullptr;
   }
   return static_cast<thread_task*>(simple_queue_take(pool->done_queue));
+}
+
+void thread_pool_wait_many(thread_pool* pool, uint32_t count) {
+  if (count == 0) return;
+  if (!pool_usable(pool)) {
+    for (uint32_t i = 0; i < count; ++i) puts("error: invalid params");
+    return;
+  }
+  for (uint32_t left = count; left > 0; --left) simple_queue_take_at_least(pool->done_queue, left);
 }
 
 int thread_pool_prepare(thread_pool* pool, uint32_t tasks) {

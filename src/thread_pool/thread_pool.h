@@ -30,6 +30,7 @@ struct simple_queue {
   simple_node* free_nodes;
   uint32_t free_count;  // nodes on free_nodes
   uint32_t reserved;    // free nodes promised to future puts (see simple_queue_reserve)
+  uint32_t wake_at;     // a put signals once size reaches this (0: at 1; see take_at_least)
   pthread_mutex_t mutex;
   pthread_cond_t not_empty;
 };
@@ -39,7 +40,18 @@ void simple_queue_destroy(simple_queue* queue);
 // Returns 0 when queued, -1 when no node could be had ("fatal: no memory for
 // simple node"); the item is then not queued.
 int simple_queue_put(simple_queue* queue, void* item);
+// simple_queue_put that wakes no waiter when wake is false (see
+// simple_queue_wake).
+int simple_queue_put_quiet(simple_queue* queue, void* item, bool wake);
+// Wakes waiters for `items` items put quietly: one for one item, all for
+// more.
+void simple_queue_wake(simple_queue* queue, uint32_t items);
 void* simple_queue_take(simple_queue* queue);
+// Takes the oldest item once the queue holds at least `count` (>= 1) items.
+// Puts wake the waiter only when that many are there, so a thread that
+// collects a known number of items sleeps and is woken once, not once per
+// item. A waiter for more than one item must be the queue's only waiter.
+void* simple_queue_take_at_least(simple_queue* queue, uint32_t count);
 // Makes sure a later put can take a node without allocating: on success one
 // free node is set aside for it (0), or -1 when no node could be allocated.
 int simple_queue_reserve(simple_queue* queue);
@@ -80,7 +92,21 @@ thread_pool* thread_pool_create(uint32_t thread_count);
 // be had). An accepted task is guaranteed to come back through
 // thread_pool_wait.
 int thread_pool_add_task(thread_pool* pool, thread_task* task);
+// thread_pool_add_task that, with wake false, leaves sleeping workers asleep
+// (workers already awake still take the task). A batch submitted this way
+// ends with thread_pool_wake for the number accepted: with tasks of a few
+// microseconds, workers woken one put at a time go back to sleep between
+// puts, and each wake-up costs the submitter a system call.
+int thread_pool_add_task(thread_pool* pool, thread_task* task, bool wake);
+void thread_pool_wake(thread_pool* pool, uint32_t queued);
 thread_task* thread_pool_wait(thread_pool* pool);
+// The same as `count` calls of thread_pool_wait by the thread that made the
+// batch, for a batch with `count` tasks still to come back: it returns when
+// all of them have. The caller sleeps until the last one is done instead of
+// being woken by every one of them (a wake-up of a sleeping thread costs the
+// worker that does it a system call, and tens of microseconds on a virtual
+// machine).
+void thread_pool_wait_many(thread_pool* pool, uint32_t count);
 // Grows both queues so that batches of up to `tasks` tasks never allocate
 // (otherwise they grow, batch by batch, to the most tasks ever in flight).
 // 0, or -1 ("error: invalid params", "fatal: no memory for simple node").
@@ -110,13 +136,17 @@ enum class on_refused { skip, run_inline, run_inline_report_once };
 // "fatal: add task fail" for refused ones (and running them on the calling
 // thread when asked to), then waits once per accepted task. Every stage of
 // the pipeline dispatches its work through this. Returns the number accepted.
+// With run_inline_report_once, *reported_before (when given) says whether
+// the unit of work already printed its line in an earlier call, and is set
+// when this call prints it.
 template <class Record>
-uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_refused refused) {
+uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_refused refused,
+                        bool* reported_before = nullptr) {
   uint32_t accepted = 0;
-  bool reported = false;
+  bool reported = reported_before != nullptr && *reported_before;
   for (uint32_t i = 0; i < count; ++i) {
     thread_task* t = &records[i].task;
-    if (thread_pool_add_task(pool, t) == 0) {
+    if (thread_pool_add_task(pool, t, false) == 0) {
       ++accepted;
     } else {
       if (!reported || refused != on_refused::run_inline_report_once) puts("fatal: add task fail");
@@ -124,7 +154,9 @@ uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_r
       if (refused != on_refused::skip && t->func) t->retval = t->func(t->arg);
     }
   }
-  for (uint32_t i = 0; i < accepted; ++i) thread_pool_wait(pool);
+  thread_pool_wake(pool, accepted);
+  thread_pool_wait_many(pool, accepted);
+  if (reported_before != nullptr) *reported_before = reported;
   return accepted;
 }
 
