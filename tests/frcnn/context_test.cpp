@@ -84,27 +84,25 @@ using ol_test::run_frame;
 using ol_test::settled_threads;
 using ol_test::stdout_capture;
 
-TEST(version, reports_the_library) {
+// The version record (poisoned first), then init and exit out of turn.
+TEST(global_context, init_twice_exit_without_init_and_reinit) {
+  std::vector<float> anchors = ol_test::base_anchors_9();
+  frcnn_desc d = ol_test::mobile_desc(2, false);
   opt_layers_version v;
   memset(&v, 0xA5, sizeof v);
   EXPECT_EQ(opt_layers_get_version(&v), 0);
   EXPECT_EQ(ol_test::format("%u.%u.%u %x %s", v.major, v.minor, v.patch, v.build_date, v.description),
             "1.1.2 20191230 Norvantix Faster RCNN Library");
-  EXPECT_EQ(ol_test::printed([] { EXPECT_EQ(opt_layers_get_version(nullptr), -1); }),
-            "Version pointer is NULL\n");
-}
-
-TEST(global_context, init_twice_exit_without_init_and_reinit) {
-  std::vector<float> anchors = ol_test::base_anchors_9();
-  frcnn_desc d = ol_test::mobile_desc(2, false);
   ol::frcnn_context unset;  // exit of a context never initialised frees nothing
   memset(&unset, 0, sizeof unset);
   EXPECT_EQ(ol_test::printed([&] {
+              EXPECT_EQ(opt_layers_get_version(nullptr), -1);
               opt_layers_frcnn_exit();
               opt_layers_instance_frcnn_exit(&unset);
               opt_layers_instance_frcnn_exit(nullptr);
             }),
-            "frcnn handle is NULL for exit\nopt_layers library is not inited\nfrcnn handle is NULL for exit\n");
+            "Version pointer is NULL\nfrcnn handle is NULL for exit\nopt_layers library is not inited\n"
+            "frcnn handle is NULL for exit\n");
   ASSERT_EQ(opt_layers_frcnn_init(&d, anchors.data()), 0);
   ol::frcnn_context* first = ol::global_context();
   EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_init(&d, anchors.data()), -1); }),
@@ -154,9 +152,7 @@ struct raw_desc {
   std::string dump() const {
     frcnn_desc d;
     memcpy(&d, b, sizeof d);
-    ol_test::stdout_capture cap;
-    ol::frcnn_desc_dump(&d);
-    return cap.end();
+    return ol_test::printed([&] { ol::frcnn_desc_dump(&d); });
   }
 };
 
@@ -344,9 +340,7 @@ TEST(instance_context, repeated_cycles_leave_nothing_behind) {
   long warm = 0;
   for (int i = 0; i < cycles; ++i) {
     if (i == 100) warm = g_outstanding.load();
-    frcnn_desc d = ol_test::mobile_desc(i % 100 < 2 ? 2 : 1, i % 100 >= 2);
-    d.anchor_num = 3;
-    d.fmap_h = d.fmap_w = d.fmap_pitch = d.rpn_cls_pitch = 8;
+    frcnn_desc d = ol_test::robust_desc(i % 100 < 2 ? 2 : 1, i % 100 >= 2);
     if (i & 1) {
       void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
       ASSERT_NE(h, nullptr);
@@ -361,8 +355,6 @@ TEST(instance_context, repeated_cycles_leave_nothing_behind) {
   }
   EXPECT_EQ(settled_threads(threads), threads);
 }
-
-std::atomic<long> g_hook_calls{0};
 
 constexpr int kHandles = 9;  // the last one is the process-wide context
 constexpr int kFrames = 3;   // distinct input frames per handle
@@ -397,19 +389,14 @@ TEST(frames, allocate_nothing_and_match_one_thread_on_many_threads) {
   const char* env = getenv("OL_STRESS_FRAMES");
   const int per_thread = env ? atoi(env) : 1000;
   std::vector<float> anchors = ol_test::base_anchors_9();
-  std::vector<frcnn_desc> descs;
   std::vector<void*> handles;
   std::vector<std::vector<frame_arrays>> frames(kHandles);
   for (int i = 0; i < kHandles; ++i) {
-    descs.push_back(handle_desc(i));
-    if (i + 1 < kHandles) {
-      handles.push_back(opt_layers_instance_frcnn_init(&descs[i], anchors.data()));
-      ASSERT_NE(handles[i], nullptr);
-    } else {
-      ASSERT_EQ(opt_layers_frcnn_init(&descs[i], anchors.data()), 0);
-      handles.push_back(nullptr);
-    }
-    for (int f = 0; f < kFrames; ++f) frames[i].emplace_back(descs[i]);
+    frcnn_desc d = handle_desc(i);
+    const bool global = i + 1 == kHandles;
+    handles.push_back(global ? nullptr : opt_layers_instance_frcnn_init(&d, anchors.data()));
+    ASSERT_TRUE(global ? opt_layers_frcnn_init(&d, anchors.data()) == 0 : handles[i] != nullptr) << i;
+    for (int f = 0; f < kFrames; ++f) frames[i].emplace_back(d);
   }
   // Frame f of handle i with its outputs poisoned (so that what a frame
   // leaves unwritten compares too); in the last one identical scores pile
@@ -421,34 +408,29 @@ TEST(frames, allocate_nothing_and_match_one_thread_on_many_threads) {
       frames[i][f].cls[j] = ol_test::h(0.75f);
     return frames[i][f];
   };
+  // Allocations through the library's hook count as well.
   static ol::alloc_hooks hooks{[](size_t, void*) {
-                                 if (g_counting.load(std::memory_order_relaxed)) ++g_hook_calls;
+                                 if (g_counting.load(std::memory_order_relaxed)) ++g_calls;
                                  return true;
                                },
                                nullptr};
-  int rois = 0, failed = 0;
   ol::set_alloc_hooks(&hooks);
-  g_calls = g_hook_calls = 0;
+  g_calls = 0;
   g_counting = true;
-  for (int n = 0; n < 2 * kHandles * kFrames; ++n) {
-    const ol_test::frame_result r = run_frame(handles[n % kHandles], load(n % kHandles, n / kHandles % kFrames),
-                                              ol_test::step_all, 0, false);
-    rois += r.r2;
-    failed += r.k < 0 || r.r < 0 || r.r2 != r.r || r.post != 0;
-  }
+  for (int n = 0; n < 2 * kHandles * kFrames; ++n)
+    run_frame(handles[n % kHandles], load(n % kHandles, n / kHandles % kFrames), ol_test::step_all, 0, false);
   g_counting = false;
   ol::set_alloc_hooks(nullptr);
-  EXPECT_EQ(failed, 0);
-  EXPECT_GT(rois, 2 * kHandles * kFrames);
-  EXPECT_EQ(g_hook_calls.load(), 0);
-  EXPECT_EQ(g_calls.load(), 0) << "allocating C library calls";
+  EXPECT_EQ(g_calls.load(), 0) << "allocating calls";
 
   // Reference: every frame and step mix on one thread, the same for the
-  // handle on one worker (k / 12 % 3 == 0) and its two siblings.
+  // handle on one worker (k / 12 % 3 == 0) and its two siblings; every
+  // whole frame finds ROIs and keeps them all through the head.
   std::vector<frame_result> expect(kHandles * kFrames * 4);
   for (int k = 0; k < kHandles * kFrames * 4; ++k) {
-    expect[k] = run_frame(handles[k / 12], load(k / 12, k / 4 % 3), kSteps[k % 4]);
-    EXPECT_TRUE(expect[k] == expect[k - k / 12 % 3 * 12]) << k;
+    const frame_result& e = expect[k] = run_frame(handles[k / 12], load(k / 12, k / 4 % 3), kSteps[k % 4]);
+    EXPECT_TRUE(e == expect[k - k / 12 % 3 * 12]) << k;
+    EXPECT_TRUE(k % 4 != 3 || (e.k > 0 && e.r > 0 && e.r2 == e.r && e.post == 0)) << k;
   }
   std::atomic<int> mismatches{0}, churn{0};
   std::atomic<bool> stop{false};
