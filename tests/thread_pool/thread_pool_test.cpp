@@ -154,6 +154,9 @@ TEST(thread_pool, one_and_thirty_two_workers) {
       EXPECT_EQ(f.count, which + 1);
       EXPECT_EQ(pool->done_queue->reserved, n + recs.size());
     }
+    alloc_failer none(0, k_all);  // nor can a prepared batch one task larger
+    EXPECT_EQ(ol::thread_pool_prepare(pool, n + 501), -1);
+    none.remove();
     held.open.store(1);
     for (auto& r : recs)
       while (r.runs.load() == 0) usleep(200);
@@ -171,37 +174,15 @@ TEST(thread_pool, one_and_thirty_two_workers) {
     EXPECT_EQ(refused[0].runs + refused[1].runs, 0);
     EXPECT_EQ(pool->done_queue->reserved, 0u);
     EXPECT_EQ(pool->task_queue->reserved, n);  // the stop nodes
+    alloc_failer nothing(0, k_all);  // a batch of the 500 queued at once is prepared
+    EXPECT_EQ(ol::thread_pool_prepare(pool, 500), 0);
+    EXPECT_EQ(nothing.count, 0);
+    nothing.remove();
     ol::thread_pool_destroy(pool);
     EXPECT_EQ(ol_test::settled_threads(before), before);
-    EXPECT_EQ(cap.end(), "fatal: no memory for simple node\nfatal: no memory for simple node\n");
+    EXPECT_EQ(cap.end(), "fatal: no memory for simple node\nfatal: no memory for simple node\n"
+                         "fatal: no memory for simple node\n");
   }
-}
-
-// After prepare(n), a batch of n allocates nothing even in the worst case:
-// all n queued while the worker is busy.
-TEST(thread_pool, prepared_batches_allocate_nothing) {
-  thread_pool* pool = ol::thread_pool_create(1);
-  ASSERT_NE(pool, nullptr);
-  std::vector<record> recs(300);
-  init_records(recs);
-  gate g(1);
-  ASSERT_EQ(ol::thread_pool_prepare(pool, 301), 0);  // the gate task is part of the batch
-  {
-    alloc_failer none(0, k_all);
-    g.hold(pool);
-    for (auto& r : recs) ASSERT_EQ(ol::thread_pool_add_task(pool, &r.task), 0);
-    g.open.store(1);
-    for (int i = 0; i < 301; ++i) ASSERT_NE(ol::thread_pool_wait(pool), nullptr);
-    EXPECT_EQ(ol::thread_pool_prepare(pool, 301), 0);  // a size already reached
-    EXPECT_EQ(none.count, 0);
-  }
-  for (auto& r : recs) EXPECT_EQ(r.runs.load(), 1);
-  ol_test::stdout_capture cap;
-  alloc_failer none(0, k_all);
-  EXPECT_EQ(ol::thread_pool_prepare(pool, 302), -1);
-  none.remove();
-  EXPECT_EQ(cap.end(), "fatal: no memory for simple node\n");
-  ol::thread_pool_destroy(pool);
 }
 
 // A refused task prints "fatal: add task fail" and runs on the caller when
