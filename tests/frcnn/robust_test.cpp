@@ -15,13 +15,8 @@ using ol_test::frame_arrays;
 using ol_test::h;
 using ol_test::run_frame;
 
-constexpr uint16_t kNaN = 0x7E00, kInf = 0x7C00, kNegInf = 0xFC00;
-const uint16_t kSpecials[] = {kNaN, 0xFE01, kInf, kNegInf, 0x8000, 0x7BFF, 0x0001};
-
-struct handle : ol_test::handle {
-  using ol_test::handle::handle;
-  const ol::frcnn_context* ctx() const { return static_cast<const ol::frcnn_context*>(h); }
-};
+// NaNs, infinities, -0, the largest finite and the smallest subnormal half.
+const uint16_t kSpecials[] = {0x7E00, 0xFE01, 0x7C00, 0xFC00, 0x8000, 0x7BFF, 0x0001};
 
 // Shared inputs: a 16-bit map of W x H cells (four 16-channel blocks for
 // ROI pooling, 32 channels for the bilinear operators), a float map of at
@@ -159,7 +154,7 @@ TEST(small_stack, hostile_frames_and_counts) {
     const bool large = c.pre > 1000;  // close boxes all kept, few detections: short suppressions
     d.pre_nms_iou = large ? 0.95f : d.pre_nms_iou;
     d.cls_prob = large ? 0.099f : d.cls_prob;
-    handle hd(d);
+    ol_test::handle hd(d);
     ASSERT_NE(hd.h, nullptr);
     frame_arrays a(d, c.post + 5);
     a.fill(seed);
@@ -190,7 +185,8 @@ TEST(small_stack, hostile_frames_and_counts) {
     for (size_t i = 0; i < r.proposals.size(); ++i)
       if (i % 5 != 4) props.push_back(ol_test::f(r.proposals[i]));
     inside(props);
-    inside(std::vector<float>(hd.ctx()->rcnn_boxes, hd.ctx()->rcnn_boxes + size_t(4) * c.post * c.classes));
+    const float* boxes = static_cast<const ol::frcnn_context*>(hd.h)->rcnn_boxes;
+    inside(std::vector<float>(boxes, boxes + size_t(4) * c.post * c.classes));
   }
 }
 
@@ -207,7 +203,7 @@ TEST(hostile_desc, pitches_below_the_width_read_overlapping_rows) {
     d.fmap_pitch = which == 0 ? 9 : 4;
     frcnn_desc wide = d;
     wide.rpn_cls_pitch = wide.fmap_pitch = d.fmap_w;
-    handle hn(d), hw(wide);
+    ol_test::handle hn(d), hw(wide);
     frame_arrays a(d), b(wide);
     a.fill(7);
     b.fill(7);
@@ -221,31 +217,6 @@ TEST(hostile_desc, pitches_below_the_width_read_overlapping_rows) {
     const ol_test::frame_result ra = run_frame(hn.h, a), rb = run_frame(hw.h, b);
     EXPECT_GT(ra.k, 0);
     EXPECT_TRUE(ra == rb);
-  }
-}
-
-// Head: NaN deltas (ROI 0) and NaN ROI corners (ROI 1) give L - 1 for every
-// coordinate of that ROI's class boxes. A NaN probability is not "at or
-// below cls_prob": reached last by the walk, it is kept, copied bit for bit.
-TEST(nan_inputs, head_deltas_rois_and_probabilities) {
-  frcnn_desc d = ol_test::robust_desc(2, true);
-  d.cls_prob = 0.0f;
-  d.post_nms_iou = 1.0f;  // no suppression
-  handle hd(d);
-  frame_arrays a(d, 3);
-  a.fill(2);
-  std::fill(a.rcnn_bbox.data(), a.rcnn_bbox.data() + 16, kNaN);
-  std::fill(a.nms_out.data() + 4, a.nms_out.data() + 8, kNaN);
-  const uint16_t probs[3] = {h(0.5f), h(0.25f), kNaN};
-  for (size_t c = 0; c < d.class_num; ++c)
-    for (size_t i = 0; i < 3; ++i) a.rcnn_cls[i * d.rcnn_cls_pitch + c] = probs[i];
-  ASSERT_EQ((ol_test::frame_calls{hd.h, a}.post_nms(3)), 0);
-  for (uint32_t i = 0; i < 4 * 2 * d.class_num; ++i)
-    EXPECT_EQ(hd.ctx()->rcnn_boxes[i], i % 2 ? 299.0f : 499.0f) << i;
-  for (uint32_t c = 1; c < d.class_num; ++c) {
-    const uint16_t* det = &a.rcnn_result[d.class_num + 5 * (d.post_nms_num * c)];
-    EXPECT_EQ(std::vector<uint16_t>({a.rcnn_result[c], det[0], det[4], det[7], det[9], det[14]}),
-              std::vector<uint16_t>({h(3.0f), h(499.0f), probs[0], h(499.0f), probs[1], kNaN}));
   }
 }
 
