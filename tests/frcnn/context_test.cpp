@@ -195,6 +195,21 @@ TEST(frcnn_desc, flag_bits_and_dump) {
 }
 
 
+// Fails allocation number `countdown` (counted from 0) made through the
+// library's allocator (-1: none), or every one once refuse_all is set.
+// Counts them all and keeps the largest size asked.
+struct failing_alloc {
+  long countdown = -1, seen = 0;
+  size_t largest = 0;
+  bool refuse_all = false;
+  static bool hook(size_t bytes, void* user) {
+    auto* self = static_cast<failing_alloc*>(user);
+    ++self->seen;
+    self->largest = std::max(self->largest, bytes);
+    return !self->refuse_all && (self->countdown < 0 || self->countdown-- != 0);
+  }
+};
+
 // Refused configurations in both forms: init prints the reason (the global
 // form adds its own line), never asks the heap for 64 MiB or more, leaves
 // the caller's record alone and no thread behind. Buffers of 4 GiB or more,
@@ -223,8 +238,7 @@ TEST(global_context, refused_configurations_print_their_reasons) {
   };
   for (bool qsort : {true, false})
     for (const auto& c : cases) {
-      SCOPED_TRACE(testing::Message() << c.threads << " " << c.anchor_num << " " << c.pre_nms_num << " "
-                                      << qsort);
+      SCOPED_TRACE(testing::Message() << "row " << &c - cases << ", qsort " << qsort);
       frcnn_desc d = ol_test::robust_desc(static_cast<uint8_t>(c.threads), qsort);
       d.anchor_num = c.anchor_num;
       d.fmap_h = c.fmap_h;
@@ -234,12 +248,8 @@ TEST(global_context, refused_configurations_print_their_reasons) {
       d.class_num = c.class_num;
       const frcnn_desc copy = d;
       frcnn_desc* p = c.threads < 0 ? nullptr : &d;
-      size_t largest = 0;
-      const ol::alloc_hooks hooks{[](size_t bytes, void* l) {  // keeps the largest size asked
-                                    *static_cast<size_t*>(l) = std::max(*static_cast<size_t*>(l), bytes);
-                                    return true;
-                                  },
-                                  &largest};
+      failing_alloc fa;
+      const ol::alloc_hooks hooks{failing_alloc::hook, &fa};
       void* hd = nullptr;
       const std::string out = ol_test::printed([&] {
         ol::set_alloc_hooks(&hooks);
@@ -249,7 +259,7 @@ TEST(global_context, refused_configurations_print_their_reasons) {
       });
       EXPECT_EQ(out, c.message ? c.message : "");
       EXPECT_EQ(hd == nullptr, c.message != nullptr);
-      EXPECT_LT(largest, 64u << 20);
+      EXPECT_LT(fa.largest, 64u << 20);
       EXPECT_EQ(memcmp(&d, &copy, sizeof d), 0);
       if (c.message) {
         EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_init(p, anchors.data()), -1); }),
@@ -259,19 +269,6 @@ TEST(global_context, refused_configurations_print_their_reasons) {
       EXPECT_EQ(settled_threads(before), before);
     }
 }
-
-// Fails allocation number `countdown` (counted from 0) made through the
-// library's allocator (-1: none), or every one once refuse_all is set.
-// Counts them all.
-struct failing_alloc {
-  long countdown = -1, seen = 0;
-  bool refuse_all = false;
-  static bool hook(size_t, void* user) {
-    auto* self = static_cast<failing_alloc*>(user);
-    ++self->seen;
-    return !self->refuse_all && (self->countdown < 0 || self->countdown-- != 0);
-  }
-};
 
 // Every allocation of init, failed in turn: init either fails with the
 // messages of the step concerned and leaves nothing behind, or (for a task
