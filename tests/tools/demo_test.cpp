@@ -20,6 +20,7 @@
 #include "demo/npy.h"
 #include "demo/pipeline.h"
 #include "demo/scene.h"
+#include "common/test_util.h"
 
 namespace fs = std::filesystem;
 using namespace ol_demo;
@@ -49,14 +50,11 @@ run_output run_demo(std::vector<std::string> args) {
   std::vector<char*> argv;
   for (std::string& a : args) argv.push_back(&a[0]);
   argv.push_back(nullptr);
-  fflush(stdout);
-  testing::internal::CaptureStdout();
   testing::internal::CaptureStderr();
+  ol_test::stdout_capture out;
   const int status = demo_main(static_cast<int>(args.size()), argv.data());
-  fflush(stdout);
   fflush(stderr);
-  const std::string out = testing::internal::GetCapturedStdout();
-  return {status, out, testing::internal::GetCapturedStderr()};
+  return {status, out.end(), testing::internal::GetCapturedStderr()};
 }
 
 bool has(const std::string& text, const std::string& part) {
@@ -74,10 +72,9 @@ struct bundled {
     dump_frame_dir(f, dir, p.roi_features().data());
   }
 };
-
 const bundled& bundled_run() {
-  static const bundled* b = new bundled;
-  return *b;
+  static const bundled b;
+  return b;
 }
 
 std::string read_file(const std::string& path) {
