@@ -178,8 +178,7 @@ std::string expected_dump(unsigned flags) {
 // reserved bits and byte set: every flag prints as 1, not as its bit value,
 // and the reserved bits change nothing.
 TEST(frcnn_desc, flag_bits_and_dump) {
-  EXPECT_EQ(raw_desc().dump(), expected_dump(0));
-  for (int bit = 0; bit < 10; ++bit) {  // bit 0 of byte 1 is is_debug; the rest in text order
+  for (int bit = 0; bit < 10; ++bit) {  // bit 0 of byte 1 is is_debug (not shown); the rest in text order
     SCOPED_TRACE(bit);
     raw_desc r;
     r.b[1 + bit / 8] = static_cast<uint8_t>(1u << bit % 8);
@@ -338,18 +337,11 @@ TEST(instance_context, repeated_cycles_leave_nothing_behind) {
   for (int i = 0; i < cycles; ++i) {
     if (i == 100) warm = g_outstanding.load();
     frcnn_desc d = ol_test::robust_desc(i % 100 < 2 ? 2 : 1, i % 100 >= 2);
-    if (i & 1) {
-      void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
-      ASSERT_NE(h, nullptr);
-      opt_layers_instance_frcnn_exit(h);
-    } else {
-      ASSERT_EQ(opt_layers_frcnn_init(&d, anchors.data()), 0);
-      opt_layers_frcnn_exit();
-    }
+    void* h = i & 1 ? opt_layers_instance_frcnn_init(&d, anchors.data()) : nullptr;
+    ASSERT_TRUE(i & 1 ? h != nullptr : opt_layers_frcnn_init(&d, anchors.data()) == 0) << i;
+    h ? opt_layers_instance_frcnn_exit(h) : opt_layers_frcnn_exit();
   }
-  if (cycles > 100) {
-    EXPECT_EQ(g_outstanding.load(), warm);
-  }
+  EXPECT_TRUE(cycles <= 100 || g_outstanding.load() == warm) << g_outstanding.load() << " blocks, not " << warm;
   EXPECT_EQ(settled_threads(threads), threads);
 }
 
