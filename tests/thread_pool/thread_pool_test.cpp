@@ -36,9 +36,10 @@ struct record {
   thread_task task;
 };
 
-// Each record unrun (runs 0, retval -7); run, it returns value * 3 + 1.
-void init_records(std::vector<record>& recs) {
-  for (size_t i = 0; i < recs.size(); ++i) {
+// n records, each unrun (runs 0, retval -7); run, record i returns i * 3 + 1.
+std::vector<record> records(size_t n) {
+  std::vector<record> recs(n);
+  for (size_t i = 0; i < n; ++i) {
     recs[i].value = static_cast<int32_t>(i);
     recs[i].runs = 0;
     recs[i].task = {[](void* arg) -> int32_t {
@@ -49,6 +50,7 @@ void init_records(std::vector<record>& recs) {
                     },
                     &recs[i], -7};
   }
+  return recs;
 }
 
 // Counts the library's allocations from construction on and fails those
@@ -102,8 +104,7 @@ struct gate {
 
 TEST(thread_pool, invalid_arguments_messages) {
   ol_test::stdout_capture cap;
-  std::vector<record> recs(1);
-  init_records(recs);
+  std::vector<record> recs = records(1);
   ol::thread_pool_destroy(nullptr);
   EXPECT_EQ(ol::thread_pool_add_task(nullptr, &recs[0].task), -1);
   EXPECT_EQ(ol::thread_pool_wait(nullptr), nullptr);
@@ -137,16 +138,14 @@ TEST(thread_pool, one_and_thirty_two_workers) {
     // A gate holds every worker at once; the records queue up behind it and
     // all run before the first wait, so with one worker both queues must keep
     // the order by themselves.
-    std::vector<record> recs(500);
-    init_records(recs);
+    std::vector<record> recs = records(500);
     gate held(n);
     held.hold(pool);
     EXPECT_EQ(held.other_stacks.load(), 0u);
     for (auto& r : recs) ASSERT_EQ(ol::thread_pool_add_task(pool, &r.task), 0);
     // Every node now in use: a task whose done node (allocation 0) or task
     // node (allocation 1) cannot be had is refused and leaves no node reserved.
-    std::vector<record> refused(2);
-    init_records(refused);
+    std::vector<record> refused = records(2);
     for (int which = 0; which < 2; ++which) {
       alloc_failer f(which, which);
       EXPECT_EQ(ol::thread_pool_add_task(pool, &refused[which].task), -1);
@@ -188,12 +187,11 @@ TEST(thread_pool, one_and_thirty_two_workers) {
 // A refused task prints "fatal: add task fail" and runs on the caller when
 // asked to; the accepted ones run on workers and are all waited for.
 TEST(thread_pool, dispatch_refused_tasks) {
-  std::vector<record> recs(3);
   for (ol::on_refused mode : {ol::on_refused::skip, ol::on_refused::run_inline}) {
     const bool inline_run = mode == ol::on_refused::run_inline;
     thread_pool* pool = ol::thread_pool_create(2);
     ASSERT_NE(pool, nullptr);
-    init_records(recs);
+    std::vector<record> recs = records(3);
     ol_test::stdout_capture cap;
     alloc_failer f(2, 2);  // task 0 takes allocations 0 and 1
     EXPECT_EQ(ol::dispatch_tasks(pool, recs.data(), 3, mode), 2u);
