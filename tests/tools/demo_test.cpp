@@ -6,7 +6,6 @@
 #ifdef OL_HAVE_DEMO_LIB
 
 #include <stdlib.h>
-#include <string.h>
 
 #include <algorithm>
 #include <filesystem>
