@@ -102,25 +102,6 @@ struct gate {
   }
 };
 
-TEST(thread_pool, invalid_arguments_messages) {
-  ol_test::stdout_capture cap;
-  thread_task null_func = {nullptr, nullptr, 1234};
-  ol::thread_pool_destroy(nullptr);
-  EXPECT_EQ(ol::thread_pool_add_task(nullptr, &null_func), -1);
-  EXPECT_EQ(ol::thread_pool_wait(nullptr), nullptr);
-  EXPECT_EQ(ol::thread_pool_prepare(nullptr, 1), -1);
-  thread_pool* pool = ol::thread_pool_create(1);
-  ASSERT_NE(pool, nullptr);
-  // A NULL function comes back unrun. A NULL task would stop a worker: refused.
-  ASSERT_EQ(ol::thread_pool_add_task(pool, &null_func), 0);
-  EXPECT_EQ(ol::thread_pool_wait(pool), &null_func);
-  EXPECT_EQ(null_func.retval, 1234);
-  EXPECT_EQ(ol::thread_pool_add_task(pool, nullptr), -1);
-  ol::thread_pool_destroy(pool);
-  EXPECT_EQ(cap.end(), "error: invalid params\nerror: invalid params\nerror: invalid params\n"
-                       "error: invalid task\nerror: invalid params\n");
-}
-
 // Every worker exists and runs at once, on the small fixed stack, and is
 // joined by destroy; every accepted task comes back exactly once, run on a
 // worker (in queue order with one worker).
@@ -180,9 +161,12 @@ TEST(thread_pool, one_and_thirty_two_workers) {
   }
 }
 
-// A refused task prints "fatal: add task fail" and runs on the caller when
-// asked to; the accepted ones run on workers and are all waited for.
-TEST(thread_pool, dispatch_refused_tasks) {
+// A task refused for want of memory prints "fatal: add task fail" and runs
+// on the caller when asked to; the accepted ones run on workers and are all
+// waited for. A task with a NULL function comes back unrun ("error: invalid
+// task"); a NULL task (queued, it would stop a worker) and a NULL pool are
+// refused with "error: invalid params", and destroying NULL does nothing.
+TEST(thread_pool, refused_tasks_and_arguments) {
   for (ol::on_refused mode : {ol::on_refused::skip, ol::on_refused::run_inline}) {
     const bool inline_run = mode == ol::on_refused::run_inline;
     thread_pool* pool = ol::thread_pool_create(2);
@@ -192,14 +176,25 @@ TEST(thread_pool, dispatch_refused_tasks) {
     alloc_failer f(2, 2);  // task 0 takes allocations 0 and 1
     EXPECT_EQ(ol::dispatch_tasks(pool, recs.data(), 3, mode), 2u);
     f.remove();
-    EXPECT_EQ(cap.end(), "fatal: no memory for simple node\nfatal: add task fail\n");
     for (size_t i = 0; i < recs.size(); ++i) {
       const bool refused = i == 1, ran = !refused || inline_run;
       EXPECT_EQ(recs[i].runs.load(), ran ? 1 : 0) << i;
       EXPECT_EQ(recs[i].task.retval, ran ? int32_t(i) * 3 + 1 : -7) << i;
       EXPECT_TRUE(!ran || (pthread_equal(recs[i].ran_on, pthread_self()) != 0) == refused) << i;
     }
+    thread_task null_func = {nullptr, nullptr, 1234};
+    ASSERT_EQ(ol::thread_pool_add_task(pool, &null_func), 0);
+    EXPECT_EQ(ol::thread_pool_wait(pool), &null_func);
+    EXPECT_EQ(null_func.retval, 1234);
+    EXPECT_EQ(ol::thread_pool_add_task(pool, nullptr), -1);
     ol::thread_pool_destroy(pool);
+    ol::thread_pool_destroy(nullptr);
+    EXPECT_EQ(ol::thread_pool_add_task(nullptr, &null_func), -1);
+    EXPECT_EQ(ol::thread_pool_wait(nullptr), nullptr);
+    EXPECT_EQ(ol::thread_pool_prepare(nullptr, 1), -1);
+    EXPECT_EQ(cap.end(), "fatal: no memory for simple node\nfatal: add task fail\nerror: invalid task\n"
+                         "error: invalid params\nerror: invalid params\nerror: invalid params\n"
+                         "error: invalid params\n");
   }
 }
 
