@@ -288,8 +288,7 @@ TEST(instance_context, every_allocation_failure_is_clean) {
     const int threads_before = ol_test::quiet_threads();
     long total = 1, failures = 0;  // allocations of a successful init, counted at k = -1
     for (long k = -1; k < total; ++k) {
-      failing_alloc fa;
-      fa.countdown = k;
+      failing_alloc fa{k};
       ol::alloc_hooks hooks{failing_alloc::hook, &fa};
       stdout_capture cap;
       ol::set_alloc_hooks(&hooks);
