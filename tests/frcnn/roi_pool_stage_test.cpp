@@ -42,10 +42,8 @@ std::vector<uint16_t> run_stage(uint32_t n, uint32_t fmap_d, bool sign, uint32_t
   ol::thread_pool* pool = ol::thread_pool_create(threads);
   std::vector<uint16_t> out(direct->size(), k_poison);
   const ol::alloc_hooks refuse = {[](size_t, void*) { return false; }, nullptr};
-  if (accept) {
-    ol::thread_pool_prepare(pool, accept);
-    ol::set_alloc_hooks(&refuse);
-  }
+  if (accept) ol::thread_pool_prepare(pool, accept);
+  ol::set_alloc_hooks(accept ? &refuse : nullptr);
   ol_test::stdout_capture cap;
   // (A stage waiting for a task that never ran fails at the test's deadline.)
   ol::frcnn_roi_pool(pool, rois.data(), fmap.data(), out.data(), n, fmap_d, fmap_h, fmap_w, 99 /*fmap_pitch*/, 16,

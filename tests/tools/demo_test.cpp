@@ -121,8 +121,7 @@ TEST(demo_command, dump_input_round_trip) {
     EXPECT_EQ(read_file(dumped + name), read_file(b.dir + name)) << name;
 
   for (const char* name : {"/rcnn_cls.npy", "/rcnn_bbox.npy"}) fs::copy_file(b.dir + name, dumped + name);
-  fs::remove(dumped + "/rois.npy");
-  fs::remove(dumped + "/image.npy");
+  for (const char* name : {"/rois.npy", "/image.npy"}) fs::remove(dumped + name);
   r = run_demo({"--input", dumped, "--frames", "2", "--qsort", "--dump", dir + "/again"});
   ASSERT_EQ(r.status, 0) << r.err;
   EXPECT_TRUE(has(r.out, k_all_found) && has(r.out, "comparison sort")) << r.out;
