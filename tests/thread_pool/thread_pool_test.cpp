@@ -86,11 +86,6 @@ struct gate {
     while (!g->open.load()) usleep(200);
     return 0;
   }
-  // Queues the tasks and returns once all of them run (one per worker).
-  void hold(thread_pool* pool) {
-    for (auto& t : tasks) ASSERT_EQ(ol::thread_pool_add_task(pool, &t), 0);
-    while (arrived.load() < tasks.size()) usleep(200);
-  }
 };
 
 // Every worker exists and runs at once, on the small fixed stack, and is
@@ -111,7 +106,8 @@ TEST(thread_pool, one_and_thirty_two_workers) {
     // the order by themselves.
     std::vector<record> recs = records(500);
     gate held(n);
-    held.hold(pool);
+    for (auto& t : held.tasks) ASSERT_EQ(ol::thread_pool_add_task(pool, &t), 0);
+    while (held.arrived.load() < n) usleep(200);  // each task on its own worker
     EXPECT_EQ(held.other_stacks.load(), 0u);
     for (auto& r : recs) ASSERT_EQ(ol::thread_pool_add_task(pool, &r.task), 0);
     // Every node now in use: a task whose done node (allocation 0) or task
