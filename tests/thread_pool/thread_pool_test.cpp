@@ -109,7 +109,14 @@ TEST(thread_pool, one_and_thirty_two_workers) {
     for (auto& t : held.tasks) ASSERT_EQ(ol::thread_pool_add_task(pool, &t), 0);
     while (held.arrived.load() < n) usleep(200);  // each task on its own worker
     EXPECT_EQ(held.other_stacks.load(), 0u);
+    // A prepared batch allocates nothing, even all queued behind busy
+    // workers; a larger one cannot be prepared while the heap refuses.
+    ASSERT_EQ(ol::thread_pool_prepare(pool, 500), 0);
+    alloc_failer none(0, k_all);
     for (auto& r : recs) ASSERT_EQ(ol::thread_pool_add_task(pool, &r.task), 0);
+    EXPECT_EQ(none.count, 0);
+    EXPECT_EQ(ol::thread_pool_prepare(pool, 501), -1);
+    none.remove();
     // Every node now in use: a task whose done node (allocation 0) or task
     // node (allocation 1) cannot be had is refused and leaves no node reserved.
     std::vector<record> refused = records(2);
@@ -120,9 +127,6 @@ TEST(thread_pool, one_and_thirty_two_workers) {
       EXPECT_EQ(f.count, which + 1);
       EXPECT_EQ(pool->done_queue->reserved, n + recs.size());
     }
-    alloc_failer none(0, k_all);  // nor can a prepared batch one task larger
-    EXPECT_EQ(ol::thread_pool_prepare(pool, n + 501), -1);
-    none.remove();
     held.open.store(1);
     for (auto& r : recs)
       while (r.runs.load() == 0) usleep(200);
@@ -140,10 +144,6 @@ TEST(thread_pool, one_and_thirty_two_workers) {
     EXPECT_EQ(refused[0].runs + refused[1].runs, 0);
     EXPECT_EQ(pool->done_queue->reserved, 0u);
     EXPECT_EQ(pool->task_queue->reserved, n);  // the stop nodes
-    alloc_failer nothing(0, k_all);  // a batch of the 500 queued at once is prepared
-    EXPECT_EQ(ol::thread_pool_prepare(pool, 500), 0);
-    EXPECT_EQ(nothing.count, 0);
-    nothing.remove();
     ol::thread_pool_destroy(pool);
     EXPECT_EQ(ol_test::settled_threads(before), before);
     EXPECT_EQ(cap.end(), "fatal: no memory for simple node\nfatal: no memory for simple node\n"
