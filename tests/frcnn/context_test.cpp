@@ -84,27 +84,25 @@ using ol_test::run_frame;
 using ol_test::settled_threads;
 using ol_test::stdout_capture;
 
-TEST(version, reports_the_library) {
+// The version record (poisoned first), then init and exit out of turn.
+TEST(global_context, init_twice_exit_without_init_and_reinit) {
+  std::vector<float> anchors = ol_test::base_anchors_9();
+  frcnn_desc d = ol_test::mobile_desc(2, false);
   opt_layers_version v;
   memset(&v, 0xA5, sizeof v);
   EXPECT_EQ(opt_layers_get_version(&v), 0);
   EXPECT_EQ(ol_test::format("%u.%u.%u %x %s", v.major, v.minor, v.patch, v.build_date, v.description),
             "1.1.2 20191230 Norvantix Faster RCNN Library");
-  EXPECT_EQ(ol_test::printed([] { EXPECT_EQ(opt_layers_get_version(nullptr), -1); }),
-            "Version pointer is NULL\n");
-}
-
-TEST(global_context, init_twice_exit_without_init_and_reinit) {
-  std::vector<float> anchors = ol_test::base_anchors_9();
-  frcnn_desc d = ol_test::mobile_desc(2, false);
   ol::frcnn_context unset;  // exit of a context never initialised frees nothing
   memset(&unset, 0, sizeof unset);
   EXPECT_EQ(ol_test::printed([&] {
+              EXPECT_EQ(opt_layers_get_version(nullptr), -1);
               opt_layers_frcnn_exit();
               opt_layers_instance_frcnn_exit(&unset);
               opt_layers_instance_frcnn_exit(nullptr);
             }),
-            "frcnn handle is NULL for exit\nopt_layers library is not inited\nfrcnn handle is NULL for exit\n");
+            "Version pointer is NULL\nfrcnn handle is NULL for exit\nopt_layers library is not inited\n"
+            "frcnn handle is NULL for exit\n");
   ASSERT_EQ(opt_layers_frcnn_init(&d, anchors.data()), 0);
   ol::frcnn_context* first = ol::global_context();
   EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_init(&d, anchors.data()), -1); }),
@@ -154,9 +152,7 @@ struct raw_desc {
   std::string dump() const {
     frcnn_desc d;
     memcpy(&d, b, sizeof d);
-    ol_test::stdout_capture cap;
-    ol::frcnn_desc_dump(&d);
-    return cap.end();
+    return ol_test::printed([&] { ol::frcnn_desc_dump(&d); });
   }
 };
 
@@ -182,8 +178,7 @@ std::string expected_dump(unsigned flags) {
 // reserved bits and byte set: every flag prints as 1, not as its bit value,
 // and the reserved bits change nothing.
 TEST(frcnn_desc, flag_bits_and_dump) {
-  EXPECT_EQ(raw_desc().dump(), expected_dump(0));
-  for (int bit = 0; bit < 10; ++bit) {  // bit 0 of byte 1 is is_debug; the rest in text order
+  for (int bit = 0; bit < 10; ++bit) {  // bit 0 of byte 1 is is_debug (not shown); the rest in text order
     SCOPED_TRACE(bit);
     raw_desc r;
     r.b[1 + bit / 8] = static_cast<uint8_t>(1u << bit % 8);
@@ -198,6 +193,21 @@ TEST(frcnn_desc, flag_bits_and_dump) {
   EXPECT_EQ(reserved.dump(), expected_dump(0x1FF));
 }
 
+
+// Fails allocation number `countdown` (counted from 0) made through the
+// library's allocator (-1: none), or every one once refuse_all is set.
+// Counts them all and keeps the largest size asked.
+struct failing_alloc {
+  long countdown = -1, seen = 0;
+  size_t largest = 0;
+  bool refuse_all = false;
+  static bool hook(size_t bytes, void* user) {
+    auto* self = static_cast<failing_alloc*>(user);
+    ++self->seen;
+    self->largest = std::max(self->largest, bytes);
+    return !self->refuse_all && (self->countdown < 0 || self->countdown-- != 0);
+  }
+};
 
 // Refused configurations in both forms: init prints the reason (the global
 // form adds its own line), never asks the heap for 64 MiB or more, leaves
@@ -227,8 +237,7 @@ TEST(global_context, refused_configurations_print_their_reasons) {
   };
   for (bool qsort : {true, false})
     for (const auto& c : cases) {
-      SCOPED_TRACE(testing::Message() << c.threads << " " << c.anchor_num << " " << c.pre_nms_num << " "
-                                      << qsort);
+      SCOPED_TRACE(testing::Message() << "row " << &c - cases << ", qsort " << qsort);
       frcnn_desc d = ol_test::robust_desc(static_cast<uint8_t>(c.threads), qsort);
       d.anchor_num = c.anchor_num;
       d.fmap_h = c.fmap_h;
@@ -238,12 +247,8 @@ TEST(global_context, refused_configurations_print_their_reasons) {
       d.class_num = c.class_num;
       const frcnn_desc copy = d;
       frcnn_desc* p = c.threads < 0 ? nullptr : &d;
-      size_t largest = 0;
-      const ol::alloc_hooks hooks{[](size_t bytes, void* l) {  // keeps the largest size asked
-                                    *static_cast<size_t*>(l) = std::max(*static_cast<size_t*>(l), bytes);
-                                    return true;
-                                  },
-                                  &largest};
+      failing_alloc fa;
+      const ol::alloc_hooks hooks{failing_alloc::hook, &fa};
       void* hd = nullptr;
       const std::string out = ol_test::printed([&] {
         ol::set_alloc_hooks(&hooks);
@@ -253,7 +258,7 @@ TEST(global_context, refused_configurations_print_their_reasons) {
       });
       EXPECT_EQ(out, c.message ? c.message : "");
       EXPECT_EQ(hd == nullptr, c.message != nullptr);
-      EXPECT_LT(largest, 64u << 20);
+      EXPECT_LT(fa.largest, 64u << 20);
       EXPECT_EQ(memcmp(&d, &copy, sizeof d), 0);
       if (c.message) {
         EXPECT_EQ(ol_test::printed([&] { EXPECT_EQ(opt_layers_frcnn_init(p, anchors.data()), -1); }),
@@ -263,19 +268,6 @@ TEST(global_context, refused_configurations_print_their_reasons) {
       EXPECT_EQ(settled_threads(before), before);
     }
 }
-
-// Fails allocation number `countdown` (counted from 0) made through the
-// library's allocator (-1: none), or every one once refuse_all is set.
-// Counts them all.
-struct failing_alloc {
-  long countdown = -1, seen = 0;
-  bool refuse_all = false;
-  static bool hook(size_t, void* user) {
-    auto* self = static_cast<failing_alloc*>(user);
-    ++self->seen;
-    return !self->refuse_all && (self->countdown < 0 || self->countdown-- != 0);
-  }
-};
 
 // Every allocation of init, failed in turn: init either fails with the
 // messages of the step concerned and leaves nothing behind, or (for a task
@@ -296,8 +288,7 @@ TEST(instance_context, every_allocation_failure_is_clean) {
     const int threads_before = ol_test::quiet_threads();
     long total = 1, failures = 0;  // allocations of a successful init, counted at k = -1
     for (long k = -1; k < total; ++k) {
-      failing_alloc fa;
-      fa.countdown = k;
+      failing_alloc fa{k};
       ol::alloc_hooks hooks{failing_alloc::hook, &fa};
       stdout_capture cap;
       ol::set_alloc_hooks(&hooks);
@@ -324,8 +315,7 @@ TEST(instance_context, every_allocation_failure_is_clean) {
         EXPECT_EQ(step_messages.count(line), 1u) << "allocation " << k << " printed: " << line;
       EXPECT_EQ(settled_threads(threads_before), threads_before) << "allocation " << k;
     }
-    EXPECT_GT(total, 8);
-    EXPECT_GT(failures, 8);
+    EXPECT_TRUE(total > 8 && failures > 8) << total << " allocations, " << failures << " failures";
   }
 }
 
@@ -344,25 +334,14 @@ TEST(instance_context, repeated_cycles_leave_nothing_behind) {
   long warm = 0;
   for (int i = 0; i < cycles; ++i) {
     if (i == 100) warm = g_outstanding.load();
-    frcnn_desc d = ol_test::mobile_desc(i % 100 < 2 ? 2 : 1, i % 100 >= 2);
-    d.anchor_num = 3;
-    d.fmap_h = d.fmap_w = d.fmap_pitch = d.rpn_cls_pitch = 8;
-    if (i & 1) {
-      void* h = opt_layers_instance_frcnn_init(&d, anchors.data());
-      ASSERT_NE(h, nullptr);
-      opt_layers_instance_frcnn_exit(h);
-    } else {
-      ASSERT_EQ(opt_layers_frcnn_init(&d, anchors.data()), 0);
-      opt_layers_frcnn_exit();
-    }
+    frcnn_desc d = ol_test::robust_desc(i % 100 < 2 ? 2 : 1, i % 100 >= 2);
+    void* h = i & 1 ? opt_layers_instance_frcnn_init(&d, anchors.data()) : nullptr;
+    ASSERT_TRUE(i & 1 ? h != nullptr : opt_layers_frcnn_init(&d, anchors.data()) == 0) << i;
+    h ? opt_layers_instance_frcnn_exit(h) : opt_layers_frcnn_exit();
   }
-  if (cycles > 100) {
-    EXPECT_EQ(g_outstanding.load(), warm);
-  }
+  EXPECT_TRUE(cycles <= 100 || g_outstanding.load() == warm) << g_outstanding.load() << " blocks, not " << warm;
   EXPECT_EQ(settled_threads(threads), threads);
 }
-
-std::atomic<long> g_hook_calls{0};
 
 constexpr int kHandles = 9;  // the last one is the process-wide context
 constexpr int kFrames = 3;   // distinct input frames per handle
@@ -397,19 +376,14 @@ TEST(frames, allocate_nothing_and_match_one_thread_on_many_threads) {
   const char* env = getenv("OL_STRESS_FRAMES");
   const int per_thread = env ? atoi(env) : 1000;
   std::vector<float> anchors = ol_test::base_anchors_9();
-  std::vector<frcnn_desc> descs;
   std::vector<void*> handles;
   std::vector<std::vector<frame_arrays>> frames(kHandles);
   for (int i = 0; i < kHandles; ++i) {
-    descs.push_back(handle_desc(i));
-    if (i + 1 < kHandles) {
-      handles.push_back(opt_layers_instance_frcnn_init(&descs[i], anchors.data()));
-      ASSERT_NE(handles[i], nullptr);
-    } else {
-      ASSERT_EQ(opt_layers_frcnn_init(&descs[i], anchors.data()), 0);
-      handles.push_back(nullptr);
-    }
-    for (int f = 0; f < kFrames; ++f) frames[i].emplace_back(descs[i]);
+    frcnn_desc d = handle_desc(i);
+    const bool global = i + 1 == kHandles;
+    handles.push_back(global ? nullptr : opt_layers_instance_frcnn_init(&d, anchors.data()));
+    ASSERT_TRUE(global ? opt_layers_frcnn_init(&d, anchors.data()) == 0 : handles[i] != nullptr) << i;
+    for (int f = 0; f < kFrames; ++f) frames[i].emplace_back(d);
   }
   // Frame f of handle i with its outputs poisoned (so that what a frame
   // leaves unwritten compares too); in the last one identical scores pile
@@ -421,34 +395,29 @@ TEST(frames, allocate_nothing_and_match_one_thread_on_many_threads) {
       frames[i][f].cls[j] = ol_test::h(0.75f);
     return frames[i][f];
   };
+  // Allocations through the library's hook count as well.
   static ol::alloc_hooks hooks{[](size_t, void*) {
-                                 if (g_counting.load(std::memory_order_relaxed)) ++g_hook_calls;
+                                 if (g_counting.load(std::memory_order_relaxed)) ++g_calls;
                                  return true;
                                },
                                nullptr};
-  int rois = 0, failed = 0;
   ol::set_alloc_hooks(&hooks);
-  g_calls = g_hook_calls = 0;
+  g_calls = 0;
   g_counting = true;
-  for (int n = 0; n < 2 * kHandles * kFrames; ++n) {
-    const ol_test::frame_result r = run_frame(handles[n % kHandles], load(n % kHandles, n / kHandles % kFrames),
-                                              ol_test::step_all, 0, false);
-    rois += r.r2;
-    failed += r.k < 0 || r.r < 0 || r.r2 != r.r || r.post != 0;
-  }
+  for (int n = 0; n < 2 * kHandles * kFrames; ++n)
+    run_frame(handles[n % kHandles], load(n % kHandles, n / kHandles % kFrames), ol_test::step_all, 0, false);
   g_counting = false;
   ol::set_alloc_hooks(nullptr);
-  EXPECT_EQ(failed, 0);
-  EXPECT_GT(rois, 2 * kHandles * kFrames);
-  EXPECT_EQ(g_hook_calls.load(), 0);
-  EXPECT_EQ(g_calls.load(), 0) << "allocating C library calls";
+  EXPECT_EQ(g_calls.load(), 0) << "allocating calls";
 
   // Reference: every frame and step mix on one thread, the same for the
-  // handle on one worker (k / 12 % 3 == 0) and its two siblings.
+  // handle on one worker (k / 12 % 3 == 0) and its two siblings; every
+  // whole frame finds ROIs and keeps them all through the head.
   std::vector<frame_result> expect(kHandles * kFrames * 4);
   for (int k = 0; k < kHandles * kFrames * 4; ++k) {
-    expect[k] = run_frame(handles[k / 12], load(k / 12, k / 4 % 3), kSteps[k % 4]);
-    EXPECT_TRUE(expect[k] == expect[k - k / 12 % 3 * 12]) << k;
+    const frame_result& e = expect[k] = run_frame(handles[k / 12], load(k / 12, k / 4 % 3), kSteps[k % 4]);
+    EXPECT_TRUE(e == expect[k - k / 12 % 3 * 12]) << k;
+    EXPECT_TRUE(k % 4 != 3 || (e.k > 0 && e.r > 0 && e.r2 == e.r && e.post == 0)) << k;
   }
   std::atomic<int> mismatches{0}, churn{0};
   std::atomic<bool> stop{false};

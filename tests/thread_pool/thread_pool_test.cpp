@@ -20,15 +20,6 @@ namespace {
 using ol::thread_pool;
 using ol::thread_task;
 
-// Sanitizer runtimes start helper threads with the first thread created: let
-// that happen before taking the baseline.
-int threads_before() {
-  pthread_t first;
-  if (pthread_create(&first, nullptr, [](void*) -> void* { return nullptr; }, nullptr) == 0)
-    pthread_join(first, nullptr);
-  return ol_test::quiet_threads();
-}
-
 struct record {
   int32_t value;
   std::atomic<int32_t> runs{0};
@@ -36,9 +27,10 @@ struct record {
   thread_task task;
 };
 
-// Each record unrun (runs 0, retval -7); run, it returns value * 3 + 1.
-void init_records(std::vector<record>& recs) {
-  for (size_t i = 0; i < recs.size(); ++i) {
+// n records, each unrun (runs 0, retval -7); run, record i returns i * 3 + 1.
+std::vector<record> records(size_t n) {
+  std::vector<record> recs(n);
+  for (size_t i = 0; i < n; ++i) {
     recs[i].value = static_cast<int32_t>(i);
     recs[i].runs = 0;
     recs[i].task = {[](void* arg) -> int32_t {
@@ -49,6 +41,7 @@ void init_records(std::vector<record>& recs) {
                     },
                     &recs[i], -7};
   }
+  return recs;
 }
 
 // Counts the library's allocations from construction on and fails those
@@ -93,42 +86,16 @@ struct gate {
     while (!g->open.load()) usleep(200);
     return 0;
   }
-  // Queues the tasks and returns once all of them run (one per worker).
-  void hold(thread_pool* pool) {
-    for (auto& t : tasks) ASSERT_EQ(ol::thread_pool_add_task(pool, &t), 0);
-    while (arrived.load() < tasks.size()) usleep(200);
-  }
 };
-
-TEST(thread_pool, invalid_arguments_messages) {
-  ol_test::stdout_capture cap;
-  std::vector<record> recs(1);
-  init_records(recs);
-  ol::thread_pool_destroy(nullptr);
-  EXPECT_EQ(ol::thread_pool_add_task(nullptr, &recs[0].task), -1);
-  EXPECT_EQ(ol::thread_pool_wait(nullptr), nullptr);
-  EXPECT_EQ(ol::thread_pool_prepare(nullptr, 1), -1);
-  EXPECT_EQ(ol::dispatch_tasks(static_cast<thread_pool*>(nullptr), recs.data(), 1,
-                               ol::on_refused::skip), 0u);
-  thread_pool* pool = ol::thread_pool_create(1);
-  ASSERT_NE(pool, nullptr);
-  // A NULL function comes back unrun. A NULL task would stop a worker: refused.
-  thread_task null_func = {nullptr, nullptr, 1234};
-  ASSERT_EQ(ol::thread_pool_add_task(pool, &null_func), 0);
-  EXPECT_EQ(ol::thread_pool_wait(pool), &null_func);
-  EXPECT_EQ(null_func.retval, 1234);
-  EXPECT_EQ(ol::thread_pool_add_task(pool, nullptr), -1);
-  ol::thread_pool_destroy(pool);
-  EXPECT_EQ(cap.end(),
-            "error: invalid params\nerror: invalid params\nerror: invalid params\n"
-            "error: invalid params\nfatal: add task fail\nerror: invalid task\nerror: invalid params\n");
-}
 
 // Every worker exists and runs at once, on the small fixed stack, and is
 // joined by destroy; every accepted task comes back exactly once, run on a
 // worker (in queue order with one worker).
 TEST(thread_pool, one_and_thirty_two_workers) {
-  const int before = threads_before();
+  // Sanitizer runtimes start helper threads with the first thread created:
+  // let that happen before taking the baseline.
+  ol::thread_pool_destroy(ol::thread_pool_create(1));
+  const int before = ol_test::quiet_threads();
   for (uint32_t n : {1u, 32u}) {
     ol_test::stdout_capture cap;
     thread_pool* pool = ol::thread_pool_create(n);
@@ -137,16 +104,22 @@ TEST(thread_pool, one_and_thirty_two_workers) {
     // A gate holds every worker at once; the records queue up behind it and
     // all run before the first wait, so with one worker both queues must keep
     // the order by themselves.
-    std::vector<record> recs(500);
-    init_records(recs);
+    std::vector<record> recs = records(500);
     gate held(n);
-    held.hold(pool);
+    for (auto& t : held.tasks) ASSERT_EQ(ol::thread_pool_add_task(pool, &t), 0);
+    while (held.arrived.load() < n) usleep(200);  // each task on its own worker
     EXPECT_EQ(held.other_stacks.load(), 0u);
+    // A prepared batch allocates nothing, even all queued behind busy
+    // workers; a larger one cannot be prepared while the heap refuses.
+    ASSERT_EQ(ol::thread_pool_prepare(pool, 500), 0);
+    alloc_failer none(0, k_all);
     for (auto& r : recs) ASSERT_EQ(ol::thread_pool_add_task(pool, &r.task), 0);
+    EXPECT_EQ(none.count, 0);
+    EXPECT_EQ(ol::thread_pool_prepare(pool, 501), -1);
+    none.remove();
     // Every node now in use: a task whose done node (allocation 0) or task
     // node (allocation 1) cannot be had is refused and leaves no node reserved.
-    std::vector<record> refused(2);
-    init_records(refused);
+    std::vector<record> refused = records(2);
     for (int which = 0; which < 2; ++which) {
       alloc_failer f(which, which);
       EXPECT_EQ(ol::thread_pool_add_task(pool, &refused[which].task), -1);
@@ -173,58 +146,45 @@ TEST(thread_pool, one_and_thirty_two_workers) {
     EXPECT_EQ(pool->task_queue->reserved, n);  // the stop nodes
     ol::thread_pool_destroy(pool);
     EXPECT_EQ(ol_test::settled_threads(before), before);
-    EXPECT_EQ(cap.end(), "fatal: no memory for simple node\nfatal: no memory for simple node\n");
+    EXPECT_EQ(cap.end(), "fatal: no memory for simple node\nfatal: no memory for simple node\n"
+                         "fatal: no memory for simple node\n");
   }
 }
 
-// After prepare(n), a batch of n allocates nothing even in the worst case:
-// all n queued while the worker is busy.
-TEST(thread_pool, prepared_batches_allocate_nothing) {
-  thread_pool* pool = ol::thread_pool_create(1);
-  ASSERT_NE(pool, nullptr);
-  std::vector<record> recs(300);
-  init_records(recs);
-  gate g(1);
-  ASSERT_EQ(ol::thread_pool_prepare(pool, 301), 0);  // the gate task is part of the batch
-  {
-    alloc_failer none(0, k_all);
-    g.hold(pool);
-    for (auto& r : recs) ASSERT_EQ(ol::thread_pool_add_task(pool, &r.task), 0);
-    g.open.store(1);
-    for (int i = 0; i < 301; ++i) ASSERT_NE(ol::thread_pool_wait(pool), nullptr);
-    EXPECT_EQ(ol::thread_pool_prepare(pool, 301), 0);  // a size already reached
-    EXPECT_EQ(none.count, 0);
-  }
-  for (auto& r : recs) EXPECT_EQ(r.runs.load(), 1);
-  ol_test::stdout_capture cap;
-  alloc_failer none(0, k_all);
-  EXPECT_EQ(ol::thread_pool_prepare(pool, 302), -1);
-  none.remove();
-  EXPECT_EQ(cap.end(), "fatal: no memory for simple node\n");
-  ol::thread_pool_destroy(pool);
-}
-
-// A refused task prints "fatal: add task fail" and runs on the caller when
-// asked to; the accepted ones run on workers and are all waited for.
-TEST(thread_pool, dispatch_refused_tasks) {
-  std::vector<record> recs(3);
+// A task refused for want of memory prints "fatal: add task fail" and runs
+// on the caller when asked to; the accepted ones run on workers and are all
+// waited for. A task with a NULL function comes back unrun ("error: invalid
+// task"); a NULL task (queued, it would stop a worker) and a NULL pool are
+// refused with "error: invalid params", and destroying NULL does nothing.
+TEST(thread_pool, refused_tasks_and_arguments) {
   for (ol::on_refused mode : {ol::on_refused::skip, ol::on_refused::run_inline}) {
     const bool inline_run = mode == ol::on_refused::run_inline;
     thread_pool* pool = ol::thread_pool_create(2);
     ASSERT_NE(pool, nullptr);
-    init_records(recs);
+    std::vector<record> recs = records(3);
     ol_test::stdout_capture cap;
     alloc_failer f(2, 2);  // task 0 takes allocations 0 and 1
     EXPECT_EQ(ol::dispatch_tasks(pool, recs.data(), 3, mode), 2u);
     f.remove();
-    EXPECT_EQ(cap.end(), "fatal: no memory for simple node\nfatal: add task fail\n");
     for (size_t i = 0; i < recs.size(); ++i) {
       const bool refused = i == 1, ran = !refused || inline_run;
       EXPECT_EQ(recs[i].runs.load(), ran ? 1 : 0) << i;
       EXPECT_EQ(recs[i].task.retval, ran ? int32_t(i) * 3 + 1 : -7) << i;
       EXPECT_TRUE(!ran || (pthread_equal(recs[i].ran_on, pthread_self()) != 0) == refused) << i;
     }
+    thread_task null_func = {nullptr, nullptr, 1234};
+    ASSERT_EQ(ol::thread_pool_add_task(pool, &null_func), 0);
+    EXPECT_EQ(ol::thread_pool_wait(pool), &null_func);
+    EXPECT_EQ(null_func.retval, 1234);
+    EXPECT_EQ(ol::thread_pool_add_task(pool, nullptr), -1);
     ol::thread_pool_destroy(pool);
+    ol::thread_pool_destroy(nullptr);
+    EXPECT_EQ(ol::thread_pool_add_task(nullptr, &null_func), -1);
+    EXPECT_EQ(ol::thread_pool_wait(nullptr), nullptr);
+    EXPECT_EQ(ol::thread_pool_prepare(nullptr, 1), -1);
+    EXPECT_EQ(cap.end(), "fatal: no memory for simple node\nfatal: add task fail\nerror: invalid task\n"
+                         "error: invalid params\nerror: invalid params\nerror: invalid params\n"
+                         "error: invalid params\n");
   }
 }
 
