@@ -169,6 +169,23 @@ void* simple_queue_take_at_least(simple_queue* q, uint32_t count) {
   return item;
 }
 
+void* simple_queue_try_take_in(simple_queue* q, uintptr_t lo, uintptr_t hi) {
+  pthread_mutex_lock(&q->mutex);
+  simple_node* oldest = q->anchor.next;
+  void* item = q->size > 0 ? oldest->data : nullptr;
+  const uintptr_t at = reinterpret_cast<uintptr_t>(item);
+  if (item == nullptr || at < lo || at >= hi) {
+    pthread_mutex_unlock(&q->mutex);
+    return nullptr;
+  }
+  q->anchor.next = oldest->next;
+  oldest->next->prev = &q->anchor;
+  --q->size;
+  push_free(q, oldest);
+  pthread_mutex_unlock(&q->mutex);
+  return item;
+}
+
 // ---- thread_pool -------------------------------------------------------
 
 namespace {
@@ -192,6 +209,15 @@ bool pool_usable(const thread_pool* pool) {
   return pool != nullptr && pool->task_queue != nullptr && pool->started == 1;
 }
 
+// What a worker does with a task it took.
+void run_task(thread_task* task) {
+  if (task->func == nullptr) {
+    puts("error: invalid task");
+  } else {
+    task->retval = task->func(task->arg);
+  }
+}
+
 }  // namespace
 
 void* thread_pool_worker(void* arg) {
@@ -200,11 +226,7 @@ void* thread_pool_worker(void* arg) {
   for (;;) {
     thread_task* task = static_cast<thread_task*>(simple_queue_take(pool->task_queue));
     if (task == nullptr) return nullptr;  // stop item
-    if (task->func == nullptr) {
-      puts("error: invalid task");
-    } else {
-      task->retval = task->func(task->arg);
-    }
+    run_task(task);
     // The node was set aside when the task was accepted, so the task always
     // comes back, also when its func was NULL.
     simple_queue_put_reserved(pool->done_queue, task);
@@ -303,6 +325,23 @@ void thread_pool_wait_many(thread_pool* pool, uint32_t count) {
     return;
   }
   for (uint32_t left = count; left > 0; --left) simple_queue_take_at_least(pool->done_queue, left);
+}
+
+void thread_pool_run_and_wait(thread_pool* pool, const void* records, const void* records_end,
+                              uint32_t count) {
+  if (count > 0 && pool_usable(pool)) {
+    const uintptr_t lo = reinterpret_cast<uintptr_t>(records);
+    const uintptr_t hi = reinterpret_cast<uintptr_t>(records_end);
+    while (count > 0) {
+      thread_task* task =
+          static_cast<thread_task*>(simple_queue_try_take_in(pool->task_queue, lo, hi));
+      if (task == nullptr) break;
+      run_task(task);
+      simple_queue_unreserve(pool->done_queue);
+      --count;
+    }
+  }
+  thread_pool_wait_many(pool, count);
 }
 
 int thread_pool_prepare(thread_pool* pool, uint32_t tasks) {
