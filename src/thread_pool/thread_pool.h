@@ -3,7 +3,8 @@
 //
 // Usage: thread_pool_create once; then any number of batches, each a series
 // of thread_pool_add_task calls followed by exactly one thread_pool_wait per
-// accepted task; finally thread_pool_destroy with nothing outstanding. Two
+// accepted task (or one thread_pool_wait_many or thread_pool_run_and_wait
+// for all of them); finally thread_pool_destroy with nothing outstanding. Two
 // batches must not be in flight on one pool at the same time.
 #ifndef OL_THREAD_POOL_H
 #define OL_THREAD_POOL_H
