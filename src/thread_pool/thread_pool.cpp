@@ -69,6 +69,17 @@ void link_newest(simple_queue* q, simple_node* node, void* item, bool wake = tru
   if (wake && q->size >= q->wake_at) pthread_cond_signal(&q->not_empty);
 }
 
+// Unlinks the oldest node of a non-empty queue, recycles it and returns its
+// item. Called locked.
+void* unlink_oldest(simple_queue* q) {
+  simple_node* oldest = q->anchor.next;
+  q->anchor.next = oldest->next;
+  oldest->next->prev = &q->anchor;
+  --q->size;
+  push_free(q, oldest);
+  return oldest->data;
+}
+
 }  // namespace
 
 int simple_queue_put(simple_queue* q, void* item) { return simple_queue_put_quiet(q, item, true); }
@@ -154,34 +165,22 @@ void* simple_queue_take_at_least(simple_queue* q, uint32_t count) {
     while (q->size < count) pthread_cond_wait(&q->not_empty, &q->mutex);
     q->wake_at = 0;
   }
-  simple_node* oldest = q->anchor.next;
-  if (oldest == &q->anchor) {
+  if (q->anchor.next == &q->anchor) {
     puts("fatal error: corruptted queue.");
     pthread_mutex_unlock(&q->mutex);
     return nullptr;
   }
-  q->anchor.next = oldest->next;
-  oldest->next->prev = &q->anchor;
-  --q->size;
-  void* item = oldest->data;
-  push_free(q, oldest);
+  void* item = unlink_oldest(q);
   pthread_mutex_unlock(&q->mutex);
   return item;
 }
 
 void* simple_queue_try_take_in(simple_queue* q, uintptr_t lo, uintptr_t hi) {
   pthread_mutex_lock(&q->mutex);
-  simple_node* oldest = q->anchor.next;
-  void* item = q->size > 0 ? oldest->data : nullptr;
-  const uintptr_t at = reinterpret_cast<uintptr_t>(item);
-  if (item == nullptr || at < lo || at >= hi) {
-    pthread_mutex_unlock(&q->mutex);
-    return nullptr;
-  }
-  q->anchor.next = oldest->next;
-  oldest->next->prev = &q->anchor;
-  --q->size;
-  push_free(q, oldest);
+  // A stop item is NULL and never taken here.
+  const void* oldest = q->size > 0 ? q->anchor.next->data : nullptr;
+  const uintptr_t at = reinterpret_cast<uintptr_t>(oldest);
+  void* item = oldest != nullptr && at >= lo && at < hi ? unlink_oldest(q) : nullptr;
   pthread_mutex_unlock(&q->mutex);
   return item;
 }
