@@ -96,7 +96,8 @@ void anchors_generate(thread_pool* pool, const float* base_anchors, float* ancho
     b.img_w = static_cast<int>(img_w);
   }
   // A refused band stays as it was (zero after init's allocation).
-  dispatch_tasks(pool, bands, k_anchor_bands, on_refused::skip);
+  dispatch_tasks(pool, bands, k_anchor_bands, on_refused::skip, nullptr,
+                 while_waiting::run_queued);
 }
 
 }  // namespace ol

@@ -193,7 +193,8 @@ void frcnn_rcnn_decode(thread_pool* pool, const uint16_t* nms_out,
     r.task.retval = 0;
     r.index = k;
   }
-  dispatch_tasks(pool, records, parts, on_refused::skip);
+  dispatch_tasks(pool, records, parts, on_refused::skip, nullptr,
+                 while_waiting::run_queued);
 }
 
 }  // namespace ol

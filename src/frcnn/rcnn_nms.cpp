@@ -460,7 +460,8 @@ void frcnn_rcnn_nms(thread_pool* pool, uint16_t* rcnn_result, const float* rcnn_
     r.task.retval = 0;
     r.index = t;
   }
-  dispatch_tasks(pool, records, k_class_nms_tasks, on_refused::skip);
+  dispatch_tasks(pool, records, k_class_nms_tasks, on_refused::skip, nullptr,
+                 while_waiting::run_queued);
 }
 
 }  // namespace ol

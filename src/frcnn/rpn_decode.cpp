@@ -321,7 +321,8 @@ void decode_on_pool(frcnn_context* ctx, const rpn_decode_params& p, uint32_t beg
     t.task.arg = &t;
     t.task.retval = 0;
   }
-  dispatch_tasks(ctx->pool, runs, parts, on_refused::run_inline_report_once, reported);
+  dispatch_tasks(ctx->pool, runs, parts, on_refused::run_inline_report_once, reported,
+                 while_waiting::run_queued);
   for (uint32_t k = 0; k < parts; ++k) {
     const uint32_t kept = runs[k].count - runs[k].dropped;
     uint16_t* to = ctx->detections + static_cast<size_t>(*K) * 5;

@@ -102,7 +102,8 @@ uint32_t parallel_filter(frcnn_context* ctx, const uint16_t* rpn_cls, uint16_t T
   }
   // A refused run is scanned on this thread, so the list is always the
   // serial one.
-  dispatch_tasks(ctx->pool, tasks, parts, on_refused::run_inline);
+  dispatch_tasks(ctx->pool, tasks, parts, on_refused::run_inline, nullptr,
+                 while_waiting::run_queued);
   uint32_t m = 0;
   for (uint32_t k = 0; k < parts; ++k) {
     const uint32_t c = counts[k];

@@ -69,6 +69,17 @@ void link_newest(simple_queue* q, simple_node* node, void* item, bool wake = tru
   if (wake && q->size >= q->wake_at) pthread_cond_signal(&q->not_empty);
 }
 
+// Unlinks the oldest node of a non-empty queue, recycles it and returns its
+// item. Called locked.
+void* unlink_oldest(simple_queue* q) {
+  simple_node* oldest = q->anchor.next;
+  q->anchor.next = oldest->next;
+  oldest->next->prev = &q->anchor;
+  --q->size;
+  push_free(q, oldest);
+  return oldest->data;
+}
+
 }  // namespace
 
 int simple_queue_put(simple_queue* q, void* item) { return simple_queue_put_quiet(q, item, true); }
@@ -154,17 +165,22 @@ void* simple_queue_take_at_least(simple_queue* q, uint32_t count) {
     while (q->size < count) pthread_cond_wait(&q->not_empty, &q->mutex);
     q->wake_at = 0;
   }
-  simple_node* oldest = q->anchor.next;
-  if (oldest == &q->anchor) {
+  if (q->anchor.next == &q->anchor) {
     puts("fatal error: corruptted queue.");
     pthread_mutex_unlock(&q->mutex);
     return nullptr;
   }
-  q->anchor.next = oldest->next;
-  oldest->next->prev = &q->anchor;
-  --q->size;
-  void* item = oldest->data;
-  push_free(q, oldest);
+  void* item = unlink_oldest(q);
+  pthread_mutex_unlock(&q->mutex);
+  return item;
+}
+
+void* simple_queue_try_take_in(simple_queue* q, uintptr_t lo, uintptr_t hi) {
+  pthread_mutex_lock(&q->mutex);
+  // A stop item is NULL and never taken here.
+  const void* oldest = q->size > 0 ? q->anchor.next->data : nullptr;
+  const uintptr_t at = reinterpret_cast<uintptr_t>(oldest);
+  void* item = oldest != nullptr && at >= lo && at < hi ? unlink_oldest(q) : nullptr;
   pthread_mutex_unlock(&q->mutex);
   return item;
 }
@@ -192,6 +208,15 @@ bool pool_usable(const thread_pool* pool) {
   return pool != nullptr && pool->task_queue != nullptr && pool->started == 1;
 }
 
+// What a worker does with a task it took.
+void run_task(thread_task* task) {
+  if (task->func == nullptr) {
+    puts("error: invalid task");
+  } else {
+    task->retval = task->func(task->arg);
+  }
+}
+
 }  // namespace
 
 void* thread_pool_worker(void* arg) {
@@ -200,11 +225,7 @@ void* thread_pool_worker(void* arg) {
   for (;;) {
     thread_task* task = static_cast<thread_task*>(simple_queue_take(pool->task_queue));
     if (task == nullptr) return nullptr;  // stop item
-    if (task->func == nullptr) {
-      puts("error: invalid task");
-    } else {
-      task->retval = task->func(task->arg);
-    }
+    run_task(task);
     // The node was set aside when the task was accepted, so the task always
     // comes back, also when its func was NULL.
     simple_queue_put_reserved(pool->done_queue, task);
@@ -303,6 +324,23 @@ void thread_pool_wait_many(thread_pool* pool, uint32_t count) {
     return;
   }
   for (uint32_t left = count; left > 0; --left) simple_queue_take_at_least(pool->done_queue, left);
+}
+
+void thread_pool_run_and_wait(thread_pool* pool, const void* records, const void* records_end,
+                              uint32_t count) {
+  if (count > 0 && pool_usable(pool)) {
+    const uintptr_t lo = reinterpret_cast<uintptr_t>(records);
+    const uintptr_t hi = reinterpret_cast<uintptr_t>(records_end);
+    while (count > 0) {
+      thread_task* task =
+          static_cast<thread_task*>(simple_queue_try_take_in(pool->task_queue, lo, hi));
+      if (task == nullptr) break;
+      run_task(task);
+      simple_queue_unreserve(pool->done_queue);
+      --count;
+    }
+  }
+  thread_pool_wait_many(pool, count);
 }
 
 int thread_pool_prepare(thread_pool* pool, uint32_t tasks) {

@@ -3,7 +3,8 @@
 //
 // Usage: thread_pool_create once; then any number of batches, each a series
 // of thread_pool_add_task calls followed by exactly one thread_pool_wait per
-// accepted task; finally thread_pool_destroy with nothing outstanding. Two
+// accepted task (or one thread_pool_wait_many or thread_pool_run_and_wait
+// for all of them); finally thread_pool_destroy with nothing outstanding. Two
 // batches must not be in flight on one pool at the same time.
 #ifndef OL_THREAD_POOL_H
 #define OL_THREAD_POOL_H
@@ -52,6 +53,9 @@ void* simple_queue_take(simple_queue* queue);
 // collects a known number of items sleeps and is woken once, not once per
 // item. A waiter for more than one item must be the queue's only waiter.
 void* simple_queue_take_at_least(simple_queue* queue, uint32_t count);
+// Takes the oldest item without waiting if its address lies in [lo, hi);
+// NULL otherwise (an empty queue, a NULL item or one outside the range).
+void* simple_queue_try_take_in(simple_queue* queue, uintptr_t lo, uintptr_t hi);
 // Makes sure a later put can take a node without allocating: on success one
 // free node is set aside for it (0), or -1 when no node could be allocated.
 int simple_queue_reserve(simple_queue* queue);
@@ -107,6 +111,22 @@ thread_task* thread_pool_wait(thread_pool* pool);
 // worker that does it a system call, and tens of microseconds on a virtual
 // machine).
 void thread_pool_wait_many(thread_pool* pool, uint32_t count);
+// thread_pool_wait_many for a batch whose thread_task records all lie in
+// [records, records_end), in which the calling thread first runs, oldest
+// first, the tasks of the batch that no worker has taken yet, and then
+// sleeps only for those the workers hold. Woken workers take a while to
+// start (tens of microseconds on a virtual machine); the caller is already
+// running. Only tasks of this batch are taken: never a stop item of
+// thread_pool_destroy, never another submitter's task. A task run here is
+// handled as a worker handles it (NULL func: "error: invalid task"), and
+// the done node set aside for it is given back.
+//
+// Tasks are written for the workers' 128 KiB stacks and may run on the
+// caller's stack instead: a stage already runs a task that the pool refuses
+// on the calling thread (dispatch_tasks), so every stage task must fit the
+// stack of whichever thread calls the stage.
+void thread_pool_run_and_wait(thread_pool* pool, const void* records, const void* records_end,
+                              uint32_t count);
 // Grows both queues so that batches of up to `tasks` tasks never allocate
 // (otherwise they grow, batch by batch, to the most tasks ever in flight).
 // 0, or -1 ("error: invalid params", "fatal: no memory for simple node").
@@ -132,16 +152,25 @@ inline void split_range(uint32_t n, uint32_t parts, uint32_t k, uint32_t* begin,
 // refused tasks of the call (work that the caller sees as one unit).
 enum class on_refused { skip, run_inline, run_inline_report_once };
 
+// What the calling thread of dispatch_tasks does while the accepted tasks
+// run: sleeps until they are all back (every accepted task runs on a
+// worker), or runs those still queued itself first (thread_pool_run_and_wait).
+// The stages of the pipeline run queued ones: their batches are short, and
+// a caller that sleeps at once waits for workers to wake up.
+enum class while_waiting { sleep, run_queued };
+
 // Submits the thread_task member `task` of records[0..count), printing
 // "fatal: add task fail" for refused ones (and running them on the calling
-// thread when asked to), then waits once per accepted task. Every stage of
-// the pipeline dispatches its work through this. Returns the number accepted.
+// thread when asked to), then waits once per accepted task as `waiting`
+// says. The stages of the pipeline dispatch their short batches through
+// this. Returns the number accepted.
 // With run_inline_report_once, *reported_before (when given) says whether
 // the unit of work already printed its line in an earlier call, and is set
 // when this call prints it.
 template <class Record>
 uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_refused refused,
-                        bool* reported_before = nullptr) {
+                        bool* reported_before = nullptr,
+                        while_waiting waiting = while_waiting::sleep) {
   uint32_t accepted = 0;
   bool reported = reported_before != nullptr && *reported_before;
   for (uint32_t i = 0; i < count; ++i) {
@@ -155,7 +184,11 @@ uint32_t dispatch_tasks(thread_pool* pool, Record* records, uint32_t count, on_r
     }
   }
   thread_pool_wake(pool, accepted);
-  thread_pool_wait_many(pool, accepted);
+  if (waiting == while_waiting::run_queued) {
+    thread_pool_run_and_wait(pool, records, records + count, accepted);
+  } else {
+    thread_pool_wait_many(pool, accepted);
+  }
   if (reported_before != nullptr) *reported_before = reported;
   return accepted;
 }
