@@ -12,6 +12,7 @@
 #include "frcnn/head_reference.h"
 #include "frcnn/head_stage.h"
 #include "frcnn/nms_ref.h"
+#include "frcnn/rpn_stage.h"
 
 namespace {
 
@@ -104,10 +105,15 @@ TEST(RcnnBboxDecode, MatchesScalarTwin) {
 // Every mode, 1 and 8 workers, no proposal, fewer proposals than tasks and
 // more (uneven runs): each proposal's slots equal a direct call of the
 // kernel, and the slots of proposals n .. n+2 stay untouched. A bad type
-// writes nothing and prints once per proposal.
+// writes nothing and prints once per proposal. On 8 workers the stage takes
+// its exponentials from the tables a context fills (width and height
+// factors differ), the kernel calls expf.
 TEST(FrcnnRcnnDecode, StageMatchesKernelForAnyThreadCount) {
   const uint32_t classes = 6, pitch = 4 * classes + 3;
-  const float scale[4] = {0.1f, 0.1f, 0.2f, 0.2f};
+  const float scale[4] = {0.1f, 0.1f, 0.2f, 0.3f};
+  std::vector<float> exps(2 * ol::k_rpn_exp_entries);
+  ol::rpn_exp_table_fill(exps.data(), true, scale[2]);
+  ol::rpn_exp_table_fill(exps.data() + ol::k_rpn_exp_entries, true, scale[3]);
   for (const uint32_t n : {0u, 37u, 203u}) {
     ol_test::rng r(3);
     std::vector<uint16_t> nms_out, deltas(static_cast<size_t>(n) * pitch);
@@ -127,8 +133,10 @@ TEST(FrcnnRcnnDecode, StageMatchesKernelForAnyThreadCount) {
         ol::thread_pool* pool = ol::thread_pool_create(threads);
         std::vector<float> got = poisoned(want.size());
         const std::string text = ol_test::printed([&] {
+          const float* tables = threads == 8 ? exps.data() : nullptr;
           ol::frcnn_rcnn_decode(pool, nms_out.data(), deltas.data(), got.data(), 600, 800, classes,
-                                pitch, n, share, type, true, scale, no_bg);
+                                pitch, n, share, type, true, scale, no_bg, tables,
+                                tables ? tables + ol::k_rpn_exp_entries : nullptr);
         });
         ol::thread_pool_destroy(pool);
         std::string lines;

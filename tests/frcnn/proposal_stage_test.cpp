@@ -167,6 +167,37 @@ TEST(proposal_stage, matches_direct_formulation) {
       }
 }
 
+// prenms_nms suppresses the proposals while it decodes them and stops once it
+// has post_nms_num boxes: boxes and count equal nms of all of prenms's
+// proposals. Zero deltas make the proposals the anchors, which overlap
+// heavily, so few of the first 1,024 proposals (the part decoded first when
+// fewer than 256 boxes are wanted) survive: wanting exactly those, one more
+// (the decode goes on, the walk resumes) and more than exist covers every
+// place the decode can stop.
+TEST(proposal_stage, prenms_nms_equals_nms_of_all_proposals) {
+  const std::vector<float> anchors = ol_test::base_anchors_9();
+  for (uint8_t qsort : {0, 1}) {
+    frcnn_desc d = ol_test::vgg16_desc(2, qsort);
+    ol_test::rpn_frame f = ol_test::make_rpn_frame(d, 11);
+    std::fill(f.bbox.begin(), f.bbox.end(), 0);
+    std::vector<uint16_t> props = run_prenms(handle(d, anchors).h, f), want;
+    const int n = static_cast<int>(props.size() / 5);
+    ASSERT_GT(n, 2048);
+    want.resize(4 * static_cast<size_t>(n));
+    const int first = nms(hp(want), hp(props), 1024, d.pre_nms_iou, n);
+    ASSERT_LT(first, 255);
+    for (int post : {1, first, first + 1, 2 * first, n}) {
+      d.post_nms_num = static_cast<uint32_t>(post);
+      handle h(d, anchors);
+      std::vector<uint16_t> got(want.size(), 0xA5A5);
+      const int r = opt_layers_instance_frcnn_prenms_nms(h.h, hp(f.cls), hp(f.bbox), hp(got));
+      const int w = nms(hp(want), hp(props), n, d.pre_nms_iou, post);
+      ASSERT_EQ(r, w) << "post " << post << " qsort " << int(qsort);
+      EXPECT_TRUE(std::equal(want.begin(), want.begin() + 4 * w, got.begin()));
+    }
+  }
+}
+
 // Unfiltered scores on the histogram path: the pattern 0xFFFF sits in the
 // bucket the walk never visits, so the sort yields fewer numbers than asked.
 // Only those are decoded: no duplicate of a stale order entry (zeros after
