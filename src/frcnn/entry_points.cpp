@@ -13,12 +13,12 @@ namespace ol {
 namespace {
 
 int prenms(frcnn_context* ctx, half_float::half* rpn_cls, half_float::half* rpn_bbox,
-           half_float::half** proposals) {
+           half_float::half** proposals, rpn_nms_request* nms = nullptr) {
   if (ctx == nullptr) {
     puts("opt_layers library is not inited");
     return -1;
   }
-  return frcnn_prenms(ctx, half_bits_ptr(rpn_cls), half_bits_ptr(rpn_bbox), proposals);
+  return frcnn_prenms(ctx, half_bits_ptr(rpn_cls), half_bits_ptr(rpn_bbox), proposals, nms);
 }
 
 int prenms_nms(frcnn_context* ctx, half_float::half* rpn_cls, half_float::half* rpn_bbox,
@@ -29,34 +29,26 @@ int prenms_nms(frcnn_context* ctx, half_float::half* rpn_cls, half_float::half* 
   }
   // The suppression counts are 16-bit: post_nms_num beyond 32767 cannot be
   // reached, and a negative max_out would write nothing.
-  const auto max_out_of = [](const frcnn_context* c) {
-    const uint32_t post = c->desc.post_nms_num;
-    return post > 32767u ? 32767 : static_cast<int>(post);
-  };
+  const uint32_t post = context_ready(ctx) ? ctx->desc.post_nms_num : 0;
+  const int max_out = post > 32767u ? 32767 : static_cast<int>(post);
   // The proposals themselves are not handed out here, so the suppression
   // runs while they are decoded and the decode stops once it has its boxes.
   // The proposal count is then not known, so not with is_debug (which
   // prints it); and not for more than 32767 proposals, whose count the
   // suppression reads as a 16-bit number.
-  rpn_nms_request request = {half_bits_ptr(nms_out), 0.0f, 0, 0};
   const bool fused = context_ready(ctx) && !ctx->desc.is_debug &&
                      ctx->desc.pre_nms_num <= static_cast<uint32_t>(k_nms_max_count) &&
-                     max_out_of(ctx) > 0;
-  if (fused) {
-    request.iou = ctx->desc.pre_nms_iou;
-    request.max_out = max_out_of(ctx);
-  }
-  const int K = ctx == nullptr ? prenms(ctx, rpn_cls, rpn_bbox, nullptr)
-                               : frcnn_prenms(ctx, half_bits_ptr(rpn_cls), half_bits_ptr(rpn_bbox),
-                                              nullptr, fused ? &request : nullptr);
+                     max_out > 0;
+  rpn_nms_request request = {half_bits_ptr(nms_out), fused ? ctx->desc.pre_nms_iou : 0.0f,
+                             max_out, 0};
+  const int K = prenms(ctx, rpn_cls, rpn_bbox, nullptr, fused ? &request : nullptr);
   if (K < 0) {
     puts("frcnn prenms err");
     return -1;
   }
-  const uint32_t post = ctx->desc.post_nms_num;
   const int R = fused ? request.kept
                       : nms_kernel(half_bits_ptr(nms_out), ctx->detections, K,
-                                   ctx->desc.pre_nms_iou, max_out_of(ctx), ctx->nms_scratch);
+                                   ctx->desc.pre_nms_iou, max_out, ctx->nms_scratch);
   if (R < 0) {
     puts("frcnn nms err");
     return -1;
